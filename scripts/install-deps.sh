@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Installs what the build needs from Debian's packages, only when something is missing.
+set -euo pipefail
+
+packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libcli11-dev
+          libssl-dev libsqlite3-dev)
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
+    missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "install-deps: installing ${missing[*]}" >&2
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+# An index of one architecture failing to download must not stop the install.
+$sudo apt-get update || echo "install-deps: apt-get update reported errors; going on" >&2
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"

@@ -1,0 +1,7 @@
+// Everything a harness may use from libzel-tc-lib.
+#pragma once
+
+#include "interface/zel_ta_ids.h"
+#include "suites/entry_points.h"
+#include "suites/ze_test.h"
+#include "transport/zel_tee_client.h"

@@ -1,0 +1,98 @@
+// zel-tc: runs the library's test steps against a TEE and judges each one.
+//
+// The library's own lines go to stdout untouched; everything zel-tc says itself goes to stderr,
+// so that a log parser reading stdout sees exactly what the library printed.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <sstream>
+
+#include "catalogue.h"
+#include "daemon_launcher.h"
+
+namespace {
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+
+void say(const std::string& text) { std::cerr << "zel-tc: " << text << std::endl; }
+
+std::string hex(int32_t result) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%08X", static_cast<uint32_t>(result));
+    return text;
+}
+
+void listSteps() {
+    for (const zel::tc::CatalogueEntry& entry : zel::tc::catalogue()) {
+        std::string name = entry.name;
+        if (entry.takesArgument())
+            name += " N (" + std::to_string(entry.firstArgument) + "-" +
+                    std::to_string(entry.lastArgument) + ")";
+        std::printf("%4u  %-22s %s\n", entry.number, name.c_str(), entry.title);
+    }
+}
+
+int runSteps(const std::vector<zel::tc::Step>& steps) {
+    int passed = 0, failed = 0;
+    for (const zel::tc::Step& step : steps) {
+        const int32_t result = step.run(step.argument);
+        const bool pass = result == 0;
+        (pass ? passed : failed)++;
+        say(std::string(pass ? "PASS " : "FAIL ") + std::to_string(step.number) + " " +
+            step.name + " result " + hex(result));
+    }
+    std::ostringstream summary;
+    summary << passed << " passed, " << failed << " failed";
+    say(summary.str());
+    return failed ? kExitFailed : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"zel-tc: runs libzel-tc-lib's test steps against the vault TA"};
+    app.require_subcommand(1);
+
+    app.add_subcommand("list", "List every step with its number and what it does")
+        ->callback(listSteps);
+
+    auto* run = app.add_subcommand(
+        "run", "Run steps by name or number (\"bist 7\", 503); none named runs the whole plan");
+    std::vector<std::string> words;
+    std::string socket, vaultd;
+    run->add_option("steps", words, "Step names or numbers");
+    run->add_option("--socket", socket,
+                    "Use the TEE daemon already listening here instead of starting one");
+    run->add_option("--vaultd", vaultd, "The zel-vaultd to start (default: beside zel-tc)");
+
+    int exitCode = 0;
+    run->callback([&] {
+        std::vector<zel::tc::Step> steps;
+        std::string error;
+        if (!zel::tc::selectSteps(words, steps, error)) {
+            say(error);
+            exitCode = kExitUsage;
+            return;
+        }
+        std::unique_ptr<zel::vault::VaultDaemon> daemon;
+        if (socket.empty()) {
+            daemon = zel::vault::VaultDaemon::start({vaultd, {}, false, {}}, error);
+            if (!daemon) {
+                say(error);
+                exitCode = kExitUsage;
+                return;
+            }
+            socket = daemon->socketPath();
+        }
+        // The TEE client library finds the default TEE here.
+        setenv("ZEL_TEE_SOCKET", socket.c_str(), 1);
+        exitCode = runSteps(steps);
+    });
+
+    CLI11_PARSE(app, argc, argv);
+    return exitCode;
+}

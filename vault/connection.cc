@@ -1,0 +1,229 @@
+#include "connection.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+namespace zel::vault {
+
+namespace {
+
+wire::Reply failure(TEEC_Result result, uint32_t origin) {
+    wire::Reply reply{};
+    reply.result = result;
+    reply.origin = origin;
+    return reply;
+}
+
+// A malformed request or an id, offset or size that is not the client's: the TEE refuses it.
+wire::Reply refused() { return failure(TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TEE); }
+
+bool validParamType(uint32_t type) {
+    switch (type) {
+        case TEEC_NONE:
+        case TEEC_VALUE_INPUT:
+        case TEEC_VALUE_OUTPUT:
+        case TEEC_VALUE_INOUT:
+        case TEEC_MEMREF_WHOLE:
+        case TEEC_MEMREF_PARTIAL_INPUT:
+        case TEEC_MEMREF_PARTIAL_OUTPUT:
+        case TEEC_MEMREF_PARTIAL_INOUT:
+            return true;
+        default:
+            return false;
+    }
+}
+
+uint32_t directionOf(uint32_t type) {
+    switch (type) {
+        case TEEC_MEMREF_PARTIAL_INPUT:
+            return TEEC_MEM_INPUT;
+        case TEEC_MEMREF_PARTIAL_OUTPUT:
+            return TEEC_MEM_OUTPUT;
+        case TEEC_MEMREF_PARTIAL_INOUT:
+            return TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
+        default:
+            return 0;
+    }
+}
+
+bool isMemref(uint32_t type) { return type >= TEEC_MEMREF_WHOLE; }
+
+}  // namespace
+
+Connection::Connection(int socket, const TaRegistry& registry, FaultPlan& faults)
+    : socket_(socket), registry_(registry), faults_(faults) {}
+
+void Connection::serve() {
+    for (;;) {
+        wire::Request request{};
+        UniqueFd passed;
+        const Received got = receive(request, passed);
+        if (got == Received::kClosed) return;
+        const wire::Reply reply = got == Received::kRequest
+                                      ? handle(request, std::move(passed))
+                                      : failure(TEEC_ERROR_BAD_FORMAT, TEEC_ORIGIN_COMMS);
+        ssize_t sent;
+        do sent = send(socket_, &reply, sizeof reply, MSG_NOSIGNAL);
+        while (sent < 0 && errno == EINTR);
+        if (sent != static_cast<ssize_t>(sizeof reply)) return;
+    }
+}
+
+Connection::Received Connection::receive(wire::Request& request, UniqueFd& passed) {
+    iovec iov{&request, sizeof request};
+    alignas(cmsghdr) char control[CMSG_SPACE(4 * sizeof(int))];
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    ssize_t received;
+    do received = recvmsg(socket_, &msg, MSG_CMSG_CLOEXEC);
+    while (received < 0 && errno == EINTR);
+    if (received <= 0) return Received::kClosed;
+
+    // Keep the first descriptor passed, close any others.
+    for (cmsghdr* header = CMSG_FIRSTHDR(&msg); header; header = CMSG_NXTHDR(&msg, header)) {
+        if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
+        const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int fd;
+            std::memcpy(&fd, CMSG_DATA(header) + i * sizeof(int), sizeof fd);
+            if (passed)
+                close(fd);
+            else
+                passed.reset(fd);
+        }
+    }
+    const bool whole = received == static_cast<ssize_t>(sizeof request) &&
+                       (msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
+    return whole ? Received::kRequest : Received::kMalformed;
+}
+
+wire::Reply Connection::handle(const wire::Request& request, UniqueFd passed) {
+    using Handler = wire::Reply (Connection::*)(const wire::Request&, UniqueFd);
+    static const std::map<uint32_t, Handler> kHandlers = {
+        {wire::kOpenSession, &Connection::openSession},
+        {wire::kCloseSession, &Connection::closeSession},
+        {wire::kRegisterMemory, &Connection::registerMemory},
+        {wire::kReleaseMemory, &Connection::releaseMemory},
+        {wire::kInvoke, &Connection::invoke},
+    };
+    const auto it = kHandlers.find(request.op);
+    if (it == kHandlers.end()) return failure(TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_COMMS);
+    return (this->*it->second)(request, std::move(passed));
+}
+
+wire::Reply Connection::openSession(const wire::Request& request, UniqueFd) {
+    if (request.login != TEEC_LOGIN_PUBLIC) return refused();
+    TaOperation operation;
+    if (buildOperation(request, operation) != TEEC_SUCCESS) return refused();
+    if (sessions_.size() >= kMaxSessions) return failure(TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE);
+    if (const auto injected = faults_.take(FaultPlan::Kind::kOpenSession, request.uuid))
+        return failure(injected->result, injected->origin);
+    TrustedApp* app = registry_.find(request.uuid);
+    if (!app) return failure(TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE);
+    const uint32_t id = nextId_++;
+    sessions_[id] = Session{app, request.uuid};
+    wire::Reply reply = failure(TEEC_SUCCESS, TEEC_ORIGIN_TRUSTED_APP);
+    reply.id = id;
+    return reply;
+}
+
+wire::Reply Connection::closeSession(const wire::Request& request, UniqueFd) {
+    if (sessions_.erase(request.session_id) == 0) return refused();
+    return failure(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
+}
+
+wire::Reply Connection::registerMemory(const wire::Request& request, UniqueFd passed) {
+    const uint32_t validFlags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
+    if (!passed || request.flags == 0 || (request.flags & ~validFlags) != 0) return refused();
+    if (request.size > TEEC_CONFIG_SHAREDMEM_MAX_SIZE)
+        return failure(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
+    if (blocks_.size() >= kMaxBlocks) return failure(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
+    if (const auto injected = faults_.take(FaultPlan::Kind::kAllocation))
+        return failure(injected->result, injected->origin);
+
+    // Only a sealed memfd is mapped: its size cannot shrink under us later, so no access through
+    // the mapping can fault.
+    const size_t mapped = request.size ? request.size : 1;
+    struct stat info {};
+    const int seals = fcntl(passed.get(), F_GET_SEALS);
+    if (seals < 0 || (seals & F_SEAL_SHRINK) == 0 || fstat(passed.get(), &info) != 0 ||
+        static_cast<uint64_t>(info.st_size) < mapped)
+        return refused();
+    void* data = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, passed.get(), 0);
+    if (data == MAP_FAILED) return failure(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
+    const uint32_t id = nextId_++;
+    blocks_[id] = SharedBlock(static_cast<uint8_t*>(data), request.size, mapped, request.flags);
+    wire::Reply reply = failure(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
+    reply.id = id;
+    return reply;
+}
+
+wire::Reply Connection::releaseMemory(const wire::Request& request, UniqueFd) {
+    if (blocks_.erase(request.memory_id) == 0) return refused();
+    return failure(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
+}
+
+wire::Reply Connection::invoke(const wire::Request& request, UniqueFd) {
+    const auto session = sessions_.find(request.session_id);
+    if (session == sessions_.end()) return refused();
+    TaOperation operation;
+    if (buildOperation(request, operation) != TEEC_SUCCESS) return refused();
+    const wire::UuidBytes& uuid = session->second.uuid;
+    TrustedApp& app = *session->second.app;
+
+    std::lock_guard<std::mutex> oneAtATime(app.lock);
+    if (const auto stall = faults_.take(FaultPlan::Kind::kStall, uuid, request.command))
+        std::this_thread::sleep_for(std::chrono::milliseconds(stall->stallMs));
+    TaResult result;
+    if (const auto injected = faults_.take(FaultPlan::Kind::kInvoke, uuid, request.command))
+        result = {injected->result, injected->origin};
+    else
+        result = app.invoke(request.command, operation);
+
+    wire::Reply reply = failure(result.result, result.origin);
+    for (size_t i = 0; i < operation.params.size(); ++i) {
+        reply.params[i].a = operation.params[i].a;
+        reply.params[i].b = operation.params[i].b;
+        reply.params[i].size = operation.params[i].size;
+    }
+    return reply;
+}
+
+TEEC_Result Connection::buildOperation(const wire::Request& request,
+                                       TaOperation& operation) const {
+    if (request.param_types > 0xFFFFu) return TEEC_ERROR_BAD_PARAMETERS;
+    operation.paramTypes = request.param_types;
+    for (size_t i = 0; i < operation.params.size(); ++i) {
+        const uint32_t type = TEEC_PARAM_TYPE_GET(request.param_types, i);
+        const wire::Param& in = request.params[i];
+        TaParam& out = operation.params[i];
+        if (!validParamType(type)) return TEEC_ERROR_BAD_PARAMETERS;
+        out.type = type;
+        if (!isMemref(type)) {
+            out.a = in.a;
+            out.b = in.b;
+            continue;
+        }
+        const auto block = blocks_.find(in.memory_id);
+        if (block == blocks_.end()) return TEEC_ERROR_BAD_PARAMETERS;
+        const SharedBlock& memory = block->second;
+        if ((memory.flags() & directionOf(type)) != directionOf(type))
+            return TEEC_ERROR_BAD_PARAMETERS;
+        if (static_cast<uint64_t>(in.offset) + in.size > memory.size())
+            return TEEC_ERROR_BAD_PARAMETERS;
+        out.buffer = memory.data() + in.offset;
+        out.size = in.size;
+    }
+    return TEEC_SUCCESS;
+}
+
+}  // namespace zel::vault

@@ -1,0 +1,54 @@
+// One client connection (one TEEC_Context): its own tables of sessions and shared memory. Every
+// id, offset and size a client sends is checked against these tables only, so a client can never
+// reach another client's sessions or memory.
+#pragma once
+
+#include <cstdint>
+#include <map>
+
+#include "fault_plan.h"
+#include "shared_block.h"
+#include "teec_wire.h"
+#include "trusted_app.h"
+#include "unique_fd.h"
+
+namespace zel::vault {
+
+class Connection {
+public:
+    static constexpr uint32_t kMaxSessions = 64;
+    static constexpr uint32_t kMaxBlocks = 64;
+
+    Connection(int socket, const TaRegistry& registry, FaultPlan& faults);
+    // Serves requests until the client hangs up or the socket is shut down.
+    void serve();
+
+private:
+    struct Session {
+        TrustedApp* app;
+        wire::UuidBytes uuid;
+    };
+
+    enum class Received { kRequest, kMalformed, kClosed };
+    Received receive(wire::Request& request, UniqueFd& passed);
+    wire::Reply handle(const wire::Request& request, UniqueFd passed);
+
+    wire::Reply openSession(const wire::Request& request, UniqueFd passed);
+    wire::Reply closeSession(const wire::Request& request, UniqueFd passed);
+    wire::Reply registerMemory(const wire::Request& request, UniqueFd passed);
+    wire::Reply releaseMemory(const wire::Request& request, UniqueFd passed);
+    wire::Reply invoke(const wire::Request& request, UniqueFd passed);
+
+    // Turns the request's parameters into windows of this client's blocks; BAD_PARAMETERS for
+    // anything that does not lie within them.
+    TEEC_Result buildOperation(const wire::Request& request, TaOperation& operation) const;
+
+    int socket_;
+    const TaRegistry& registry_;
+    FaultPlan& faults_;
+    std::map<uint32_t, Session> sessions_;
+    std::map<uint32_t, SharedBlock> blocks_;
+    uint32_t nextId_ = 1;
+};
+
+}  // namespace zel::vault

@@ -1,0 +1,33 @@
+// Drives the control TA of a zel-vaultd started with --control. Each call opens its own context
+// and session and returns the TEE result (TEEC_SUCCESS when the fault is armed).
+#pragma once
+
+#include <tee_client_api.h>
+
+#include <cstdint>
+#include <string>
+
+namespace zel::vault {
+
+class VaultControl {
+public:
+    // An empty path is the default TEE.
+    explicit VaultControl(std::string socketPath = {}) : socketPath_(std::move(socketPath)) {}
+
+    TEEC_Result reset() const;
+    // count 0: until reset.
+    TEEC_Result failInvocations(const TEEC_UUID& ta, uint32_t command, uint32_t count,
+                                TEEC_Result result, uint32_t origin) const;
+    TEEC_Result failOpenSession(const TEEC_UUID& ta, uint32_t count, TEEC_Result result,
+                                uint32_t origin) const;
+    TEEC_Result failAllocations(uint32_t count, TEEC_Result result, uint32_t origin) const;
+    TEEC_Result stallInvocations(const TEEC_UUID& ta, uint32_t command, uint32_t count,
+                                 uint32_t milliseconds) const;
+
+private:
+    TEEC_Result send(uint32_t command, uint32_t target, uint32_t count, uint32_t what,
+                     uint32_t origin, const TEEC_UUID& ta) const;
+    std::string socketPath_;
+};
+
+}  // namespace zel::vault

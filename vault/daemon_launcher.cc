@@ -1,0 +1,151 @@
+#include "daemon_launcher.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "unique_fd.h"
+
+extern char** environ;
+
+namespace zel::vault {
+
+namespace {
+
+constexpr int kReadyTimeoutMs = 10000;
+constexpr int kStopTimeoutMs = 5000;
+constexpr int kReadyFdInChild = 3;
+
+std::string describeStatus(int status) {
+    if (WIFEXITED(status)) return "exited with status " + std::to_string(WEXITSTATUS(status));
+    if (WIFSIGNALED(status)) return "was killed by signal " + std::to_string(WTERMSIG(status));
+    return "stopped";
+}
+
+}  // namespace
+
+std::string defaultVaultdPath() {
+    char self[4096];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length > 0) {
+        std::string beside(self, static_cast<size_t>(length));
+        beside = beside.substr(0, beside.find_last_of('/') + 1) + "zel-vaultd";
+        if (access(beside.c_str(), X_OK) == 0) return beside;
+    }
+    return "zel-vaultd";
+}
+
+std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::string& error) {
+    std::unique_ptr<VaultDaemon> daemon(new VaultDaemon);
+    daemon->socketPath_ = options.socketPath;
+    if (daemon->socketPath_.empty()) {
+        const char* tmp = std::getenv("TMPDIR");
+        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/zel-vault-XXXXXX";
+        if (!mkdtemp(pattern.data())) {
+            error = "cannot make a private directory: " + std::string(std::strerror(errno));
+            return nullptr;
+        }
+        daemon->privateDirectory_ = pattern;
+        daemon->socketPath_ = pattern + "/socket";
+    }
+
+    int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
+        error = "pipe: " + std::string(std::strerror(errno));
+        return nullptr;
+    }
+    UniqueFd readyRead(pipeFds[0]), readyWrite(pipeFds[1]);
+
+    const std::string executable =
+        options.executable.empty() ? defaultVaultdPath() : options.executable;
+    std::vector<std::string> arguments = {executable, "--socket", daemon->socketPath_,
+                                          "--ready-fd", std::to_string(kReadyFdInChild)};
+    if (options.control) arguments.push_back("--control");
+    arguments.insert(arguments.end(), options.extraArguments.begin(),
+                     options.extraArguments.end());
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    // The daemon's own stdout stays out of the caller's: that stream belongs to the library.
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, readyWrite.get(), kReadyFdInChild);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    const int spawned =
+        posix_spawnp(&daemon->pid_, executable.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    readyWrite.reset();
+    if (spawned != 0) {
+        daemon->pid_ = -1;
+        error = "cannot start " + executable + ": " + std::strerror(spawned);
+        return nullptr;
+    }
+
+    pollfd ready{readyRead.get(), POLLIN, 0};
+    char line[16] = {};
+    int polled;
+    do polled = poll(&ready, 1, kReadyTimeoutMs);
+    while (polled < 0 && errno == EINTR);
+    const ssize_t got = polled > 0 ? read(readyRead.get(), line, sizeof line - 1) : -1;
+    if (got <= 0 || std::strncmp(line, "ready", 5) != 0) {
+        const int status = daemon->wait(got == 0 ? kStopTimeoutMs : 0);  // 0: it closed the pipe
+        error = executable + (status >= 0 ? " " + describeStatus(status) + " before listening"
+                                          : " did not get ready");
+        return nullptr;  // the destructor stops whatever is left
+    }
+    return daemon;
+}
+
+int VaultDaemon::wait(int milliseconds) {
+    for (int waited = 0;; waited += 10) {
+        int status = 0;
+        const pid_t done = waitpid(pid_, &status, WNOHANG);
+        if (done == pid_) {
+            pid_ = -1;
+            return status;
+        }
+        if (done < 0 && errno == ECHILD) {
+            pid_ = -1;
+            return 0;
+        }
+        if (waited >= milliseconds) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+bool VaultDaemon::stop() {
+    if (pid_ <= 0) return false;
+    ::kill(pid_, SIGTERM);
+    int status = wait(kStopTimeoutMs);
+    if (status < 0) {
+        kill();
+        return false;
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+void VaultDaemon::kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGKILL);
+    wait(kStopTimeoutMs);
+}
+
+VaultDaemon::~VaultDaemon() {
+    stop();
+    if (!privateDirectory_.empty()) {
+        unlink(socketPath_.c_str());  // left behind when the daemon was killed
+        rmdir(privateDirectory_.c_str());
+    }
+}
+
+}  // namespace zel::vault

@@ -1,0 +1,64 @@
+// zel-vaultd: the host's TEE. Hosts the simulated TAs and serves TEE Client API connections on an
+// AF_UNIX socket until SIGINT or SIGTERM.
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "control_ta.h"
+#include "fault_plan.h"
+#include "server.h"
+#include "teec_wire.h"
+#include "vault_ta.h"
+
+int main(int argc, char** argv) {
+    using namespace zel::vault;
+    CLI::App app{"zel-vaultd: the host TEE with the simulated vault TAs"};
+    std::string socketPath = zel::wire::defaultSocketPath();
+    bool control = false;
+    int readyFd = -1;
+    app.add_option("--socket", socketPath, "Socket to listen on")->capture_default_str();
+    app.add_flag("--control", control, "Host the control TA (fault injection, reset) for tests");
+    app.add_option("--ready-fd", readyFd,
+                   "Write \"ready\\n\" to this descriptor and close it once listening")
+        ->check(CLI::NonNegativeNumber);
+    CLI11_PARSE(app, argc, argv);
+
+    // Signals are read from a descriptor, so every thread started later inherits the mask.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    UniqueFd stopFd(signalfd(-1, &stopSignals, SFD_CLOEXEC));
+    if (!stopFd) {
+        std::perror("zel-vaultd: signalfd");
+        return 1;
+    }
+
+    TaRegistry registry;
+    FaultPlan faults;
+    addVaultTa(registry);
+    if (control) addControlTa(registry, faults, {});
+
+    Server server(socketPath, registry, faults);
+    std::string error;
+    if (!server.listen(error)) {
+        std::cerr << "zel-vaultd: " << error << std::endl;
+        return 1;
+    }
+    std::cout << "zel-vaultd listening on " << socketPath << std::endl;
+    if (readyFd >= 0) {
+        const char ready[] = "ready\n";
+        if (write(readyFd, ready, sizeof ready - 1) < 0) std::perror("zel-vaultd: --ready-fd");
+        close(readyFd);
+    }
+    server.run(stopFd.get());
+    return 0;
+}
