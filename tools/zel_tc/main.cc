@@ -93,6 +93,11 @@ int main(int argc, char** argv) {
         exitCode = runSteps(steps);
     });
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // --help is an "error" that exits 0; every real one is a usage error.
+        return app.exit(error) == 0 ? 0 : kExitUsage;
+    }
     return exitCode;
 }

@@ -1,0 +1,93 @@
+// What the raw suites send, and how they count, against the recording TEE Client API.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "output_capture.h"
+#include "suites/ze_test.h"
+#include "teec_recorder.h"
+
+namespace {
+
+std::vector<uint32_t> commandsSent() {
+    std::vector<uint32_t> commands;
+    for (const auto& invocation : recorder::invocations) commands.push_back(invocation.command);
+    return commands;
+}
+
+void failCommands(std::set<uint32_t> failing) {
+    recorder::script.invoke = [failing](uint32_t command, size_t) {
+        return failing.count(command) ? recorder::Answer{TEEC_ERROR_GENERIC, TEEC_ORIGIN_TEE}
+                                      : recorder::Answer{};
+    };
+}
+
+class ZeTestCallsTest : public testing::Test {
+protected:
+    void SetUp() override { recorder::reset(); }
+    OutputCapture output;  // keeps the suites' lines out of the test log
+};
+
+TEST_F(ZeTestCallsTest, LifecycleSpendsItsBudgetOfAThousandAndStopsAtTheFifthFailure) {
+    ZETest test;
+    EXPECT_EQ(test.lifecycle_test(), 0);
+    EXPECT_EQ(recorder::invocations.size(), 1000u);
+    EXPECT_EQ(commandsSent(), std::vector<uint32_t>(1000, 0));
+
+    recorder::reset();
+    recorder::script.invoke = [](uint32_t, size_t) {
+        return recorder::Answer{TEEC_ERROR_BUSY, TEEC_ORIGIN_TRUSTED_APP};
+    };
+    EXPECT_EQ(test.lifecycle_test(), 5);
+    EXPECT_EQ(recorder::invocations.size(), 5u);
+
+    recorder::reset();
+    recorder::script.invoke = [](uint32_t, size_t index) {
+        return index == 10 || index == 999 ? recorder::Answer{TEEC_ERROR_BUSY, 4}
+                                           : recorder::Answer{};
+    };
+    EXPECT_EQ(test.lifecycle_test(), 2);
+    EXPECT_EQ(recorder::invocations.size(), 1000u);
+    EXPECT_EQ(std::count(recorder::calls.begin(), recorder::calls.end(), "OpenSession"), 1);
+}
+
+TEST_F(ZeTestCallsTest, MaskSuitesSendTheirCommandsInOrderOverOneSession) {
+    ZETest test;
+    failCommands({7, 17});
+    EXPECT_EQ(test.process_test(), 260u);
+    EXPECT_EQ(commandsSent(), (std::vector<uint32_t>{4, 6, 7, 11, 13, 14, 15, 16, 17}));
+    EXPECT_EQ(std::count(recorder::calls.begin(), recorder::calls.end(), "OpenSession"), 1);
+
+    recorder::reset();
+    failCommands({1, 17});
+    EXPECT_EQ(test.heavyload_test(), 0x201u);
+    EXPECT_EQ(commandsSent(), (std::vector<uint32_t>{1, 2, 4, 7, 11, 13, 14, 15, 16, 17}));
+
+    recorder::reset();
+    recorder::script.openSession = {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
+    EXPECT_EQ(test.process_test(), 511u);
+    EXPECT_EQ(test.heavyload_test(), 1023u);
+    EXPECT_EQ(test.lifecycle_test(), 5);
+    EXPECT_TRUE(recorder::invocations.empty());
+}
+
+TEST_F(ZeTestCallsTest, SelectorPicksTheSuiteAndUnknownSelectorsOpenNothing) {
+    ZETest test;
+    test.SetCMD(17);
+    EXPECT_EQ(test.SendCMD(), 0);
+    EXPECT_EQ(commandsSent(), std::vector<uint32_t>{17});
+
+    for (int selector : {18, -1, 1000}) {
+        recorder::reset();
+        test.SetCMD(selector);
+        EXPECT_EQ(test.SendCMD(), static_cast<int32_t>(TEEC_ERROR_GENERIC));
+        EXPECT_TRUE(recorder::calls.empty()) << selector;
+    }
+
+    ZETest fresh;  // no SetCMD yet
+    recorder::reset();
+    EXPECT_EQ(fresh.SendCMD(), static_cast<int32_t>(TEEC_ERROR_GENERIC));
+    EXPECT_TRUE(recorder::calls.empty());
+}
+
+}  // namespace

@@ -1,0 +1,28 @@
+// Starts a zel-vaultd with the control TA for each test, on a private socket that becomes the
+// default TEE of this process.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "control_client.h"
+#include "daemon_launcher.h"
+
+class VaultFixture : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string error;
+        daemon = zel::vault::VaultDaemon::start({{}, {}, true, {}}, error);
+        ASSERT_TRUE(daemon) << error;
+        setenv("ZEL_TEE_SOCKET", daemon->socketPath().c_str(), 1);
+    }
+    void TearDown() override {
+        daemon.reset();
+        unsetenv("ZEL_TEE_SOCKET");
+    }
+
+    std::unique_ptr<zel::vault::VaultDaemon> daemon;
+    zel::vault::VaultControl control;
+};

@@ -1,0 +1,87 @@
+// zel-tc as a user runs it: its stdout is the library's lines only, its verdicts and exit code
+// follow the steps' results.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "output_capture.h"
+#include "vault_fixture.h"
+#include "interface/zel_ta_ids.h"
+
+namespace {
+
+struct CliRun {
+    int exitCode;
+    Lines out;
+    std::string err;
+};
+
+Lines splitLines(const std::string& text) {
+    std::istringstream in(text);
+    Lines lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+CliRun zelTc(const std::string& arguments) {
+    const std::string errFile = testing::TempDir() + "zel_tc_stderr.txt";
+    const std::string command = std::string(ZEL_TC_PATH) + " " + arguments + " 2>" + errFile;
+    FILE* pipe = popen(command.c_str(), "r");
+    std::string out;
+    char buffer[4096];
+    for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, got);
+    const int status = pclose(pipe);
+    std::ifstream err(errFile);
+    std::stringstream errText;
+    errText << err.rdbuf();
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, splitLines(out), errText.str()};
+}
+
+TEST(ZelTcCliTest, RunsNamedStepsAgainstItsOwnDaemon) {
+    const CliRun run = zelTc("run process bist 17");
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, (Lines{"Tessaril Test CA created", "Tessaril Test CA SendCMD: 2",
+                              "TEE connection has been set",
+                              "Tessaril PROCESS TEST CA RESULT : 0", "Tessaril Test CA created",
+                              "Tessaril Test CA SendCMD: 17", "TEE connection has been set",
+                              "Tessaril BIST : 17 TEST CA RESULT : 0"}));
+    EXPECT_NE(run.err.find("PASS 503 process result 0x00000000"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("PASS 504 bist 17 result 0x00000000"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("2 passed, 0 failed"), std::string::npos) << run.err;
+}
+
+TEST(ZelTcCliTest, BadInputIsRefusedBeforeAnythingRuns) {
+    for (const char* arguments : {"run nosuch", "run bist 18", "run 999", "frobnicate"}) {
+        const CliRun run = zelTc(arguments);
+        EXPECT_EQ(run.exitCode, 2) << arguments;
+        EXPECT_EQ(run.out, Lines{}) << arguments;
+    }
+    EXPECT_NE(zelTc("run nosuch").err.find("no step is named 'nosuch'"), std::string::npos);
+    EXPECT_NE(zelTc("run bist 18").err.find("bist takes a number from 3 to 17"),
+              std::string::npos);
+}
+
+TEST(ZelTcCliTest, ListShowsEveryStepWithItsNumber) {
+    const CliRun run = zelTc("list");
+    EXPECT_EQ(run.exitCode, 0);
+    ASSERT_EQ(run.out.size(), 5u);
+    EXPECT_NE(run.out[3].find("504  bist N (3-17)"), std::string::npos) << run.out[3];
+}
+
+using ZelTcAgainstRunningDaemonTest = VaultFixture;
+
+TEST_F(ZelTcAgainstRunningDaemonTest, FailingStepFailsTheRun) {
+    ASSERT_EQ(control.failInvocations(zel_test, 7, 0, TEEC_ERROR_GENERIC, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    const CliRun run = zelTc("run --socket " + daemon->socketPath() + " 503 test_lifetime");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(run.err.find("FAIL 503 process result 0x00000004"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("PASS 505 test_lifetime"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("1 passed, 1 failed"), std::string::npos) << run.err;
+}
+
+}  // namespace

@@ -1,0 +1,141 @@
+// ZELTEEClient's state machine and call order, against the recording TEE Client API.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "output_capture.h"
+#include "teec_recorder.h"
+#include "transport/zel_tee_client.h"
+#include "interface/zel_ta_ids.h"
+
+using Calls = std::vector<std::string>;
+
+class ZelTeeClientTest : public testing::Test {
+protected:
+    void SetUp() override { recorder::reset(); }
+};
+
+TEST_F(ZelTeeClientTest, NeverOpenedClientCallsNothingAndCannotInvoke) {
+    OutputCapture output;
+    {
+        ZELTEEClient client;
+        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
+        client.Close();
+    }
+    EXPECT_EQ(recorder::calls, Calls{});
+    EXPECT_EQ(output.lines(), Lines{});
+}
+
+TEST_F(ZelTeeClientTest, ConnectedClientInvokesOverTheWholeBlockAndReleasesInReverseOrder) {
+    OutputCapture output;
+    {
+        ZELTEEClient client;
+        ASSERT_TRUE(client.Open(zel_test));
+        auto* record = static_cast<TEEC_SharedMemory*>(client.getSHMPtr());
+        EXPECT_EQ(record->size, 8192u);
+        EXPECT_EQ(record->flags, 3u);
+        EXPECT_NE(record->buffer, nullptr);
+        EXPECT_EQ(client.InvokeCommand(0x2d), TEEC_SUCCESS);
+
+        ASSERT_EQ(recorder::invocations.size(), 1u);
+        const TEEC_Operation& op = recorder::invocations[0].operation;
+        EXPECT_EQ(recorder::invocations[0].command, 0x2du);
+        EXPECT_EQ(op.paramTypes, 0x0000000Fu);
+        EXPECT_EQ(op.params[0].memref.parent, record);
+        EXPECT_EQ(op.params[0].memref.size, 8192u);
+        EXPECT_EQ(op.params[0].memref.offset, 0u);
+        EXPECT_EQ(std::memcmp(&recorder::lastDestination, &zel_test, sizeof zel_test), 0);
+        EXPECT_EQ(recorder::lastLogin, TEEC_LOGIN_PUBLIC);
+        EXPECT_EQ(recorder::lastAllocationRequest.size, 8192u);
+        EXPECT_EQ(recorder::lastAllocationRequest.flags, TEEC_MEM_INPUT | TEEC_MEM_OUTPUT);
+
+        client.Close();
+        client.Close();  // the second does nothing
+    }
+    EXPECT_EQ(recorder::calls,
+              (Calls{"InitializeContext", "OpenSession", "AllocateSharedMemory", "InvokeCommand",
+                     "ReleaseSharedMemory", "CloseSession", "FinalizeContext"}));
+    EXPECT_EQ(output.lines(), Lines{"TEE connection has been set"});
+}
+
+TEST_F(ZelTeeClientTest, ContextFailurePrintsOneLineAndAttemptsNothingElse) {
+    recorder::script.initialize = TEEC_ERROR_ITEM_NOT_FOUND;
+    OutputCapture output;
+    {
+        ZELTEEClient client;
+        EXPECT_FALSE(client.Open(zel_test));
+        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
+    }
+    EXPECT_EQ(recorder::calls, Calls{"InitializeContext"});
+    EXPECT_EQ(output.lines(), Lines{"Failed to initialize TEE context, result = 4294901768"});
+}
+
+TEST_F(ZelTeeClientTest, SessionFailureKeepsTheContextUntilDestruction) {
+    recorder::script.openSession = {TEEC_ERROR_ACCESS_DENIED, TEEC_ORIGIN_TEE};
+    OutputCapture output;
+    {
+        ZELTEEClient client;
+        EXPECT_FALSE(client.Open(zel_test));
+        EXPECT_EQ(recorder::calls, (Calls{"InitializeContext", "OpenSession"}));
+        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
+    }
+    EXPECT_EQ(recorder::calls, (Calls{"InitializeContext", "OpenSession", "FinalizeContext"}));
+    EXPECT_EQ(output.lines(),
+              Lines{"Failed to open TEE session, result and retOrigin = 4294901761, 3"});
+}
+
+TEST_F(ZelTeeClientTest, AllocationFailureClosesSessionAndContextButReleasesNoMemory) {
+    recorder::script.allocate = TEEC_ERROR_OUT_OF_MEMORY;
+    OutputCapture output;
+    {
+        ZELTEEClient client;
+        EXPECT_FALSE(client.Open(zel_test));
+        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
+    }
+    EXPECT_EQ(recorder::calls, (Calls{"InitializeContext", "OpenSession", "AllocateSharedMemory",
+                                      "CloseSession", "FinalizeContext"}));
+    EXPECT_EQ(output.lines(), Lines{"Failed to allocate shared memory, result = 4294901772"});
+}
+
+TEST_F(ZelTeeClientTest, SecondOpenCallsNoTeeFunctionAndKeepsTheFirstSession) {
+    OutputCapture output;
+    ZELTEEClient client;
+    ASSERT_TRUE(client.Open(zel_test));
+    const size_t callsAfterFirstOpen = recorder::calls.size();
+    EXPECT_TRUE(client.Open(zel_test_a));
+    EXPECT_EQ(recorder::calls.size(), callsAfterFirstOpen);
+    EXPECT_EQ(std::memcmp(&recorder::lastDestination, &zel_test, sizeof zel_test), 0);
+    EXPECT_EQ(output.lines(), (Lines{"TEE connection has been set", "TEE connection has been set"}));
+}
+
+TEST_F(ZelTeeClientTest, ClosedClientCanBeOpenedAgain) {
+    OutputCapture output;
+    ZELTEEClient client;
+    ASSERT_TRUE(client.Open(zel_test));
+    client.Close();
+    ASSERT_TRUE(client.Open(zel_test));
+    EXPECT_EQ(client.InvokeCommand(1), TEEC_SUCCESS);
+    EXPECT_EQ(std::count(recorder::calls.begin(), recorder::calls.end(), "InitializeContext"), 2);
+    output.lines();
+}
+
+TEST_F(ZelTeeClientTest, InvocationFailureLinesInUnsignedDecimal) {
+    const recorder::Answer answers[] = {
+        {TEEC_ERROR_GENERIC, TEEC_ORIGIN_COMMS},
+        {TEEC_ERROR_GENERIC, TEEC_ORIGIN_TEE},
+        {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP},
+    };
+    recorder::script.invoke = [&](uint32_t, size_t index) { return answers[index]; };
+    OutputCapture output;
+    ZELTEEClient client;
+    ASSERT_TRUE(client.Open(zel_test));
+    EXPECT_EQ(client.InvokeCommand(0), TEEC_ERROR_GENERIC);
+    EXPECT_EQ(client.InvokeCommand(7), TEEC_ERROR_GENERIC);
+    EXPECT_EQ(client.InvokeCommand(0x2d), TEEC_ERROR_BAD_PARAMETERS);
+    EXPECT_EQ(output.lines(),
+              (Lines{"TEE connection has been set",
+                     "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901760, retOrigin = 2",
+                     "TZ reported recoverable error, session should be restarted",
+                     "TEEC_InvokeCommand() failed for cmd = 7, result = 4294901760, retOrigin = 3",
+                     "TEEC_InvokeCommand() failed for cmd = 45, result = 4294901766, retOrigin = 4"}));
+}
