@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -28,7 +29,9 @@ Lines splitLines(const std::string& text) {
 }
 
 CliRun zelTc(const std::string& arguments) {
-    const std::string errFile = testing::TempDir() + "zel_tc_stderr.txt";
+    // Tests run in parallel processes: each call gets a file of its own.
+    std::string errFile = testing::TempDir() + "zel_tc_stderr_XXXXXX";
+    close(mkstemp(errFile.data()));
     const std::string command = std::string(ZEL_TC_PATH) + " " + arguments + " 2>" + errFile;
     FILE* pipe = popen(command.c_str(), "r");
     std::string out;
@@ -38,6 +41,7 @@ CliRun zelTc(const std::string& arguments) {
     std::ifstream err(errFile);
     std::stringstream errText;
     errText << err.rdbuf();
+    unlink(errFile.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, splitLines(out), errText.str()};
 }
 
