@@ -21,7 +21,9 @@ protected:
     void TearDown() override {
         // A daemon that is still running must stop cleanly: under the sanitizers a leak or a
         // memory error in it shows up as a non-zero exit here.
-        if (daemon && daemon->pid() > 0) EXPECT_TRUE(daemon->stop()) << "zel-vaultd exit";
+        if (daemon && daemon->pid() > 0) {
+            EXPECT_TRUE(daemon->stop()) << "zel-vaultd did not exit cleanly";
+        }
         daemon.reset();
         unsetenv("ZEL_TEE_SOCKET");
     }
