@@ -21,7 +21,9 @@ wire::Reply failure(TEEC_Result result, uint32_t origin) {
 }
 
 // A malformed request or an id, offset or size that is not the client's: the TEE refuses it.
-wire::Reply refused() { return failure(TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TEE); }
+wire::Reply refused() {
+    return failure(TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TEE);
+}
 
 bool validParamType(uint32_t type) {
     switch (type) {
@@ -52,7 +54,9 @@ uint32_t directionOf(uint32_t type) {
     }
 }
 
-bool isMemref(uint32_t type) { return type >= TEEC_MEMREF_WHOLE; }
+bool isMemref(uint32_t type) {
+    return type >= TEEC_MEMREF_WHOLE;
+}
 
 }  // namespace
 
@@ -198,8 +202,7 @@ wire::Reply Connection::invoke(const wire::Request& request, UniqueFd) {
     return reply;
 }
 
-TEEC_Result Connection::buildOperation(const wire::Request& request,
-                                       TaOperation& operation) const {
+TEEC_Result Connection::buildOperation(const wire::Request& request, TaOperation& operation) const {
     if (request.param_types > 0xFFFFu) return TEEC_ERROR_BAD_PARAMETERS;
     operation.paramTypes = request.param_types;
     for (size_t i = 0; i < operation.params.size(); ++i) {

@@ -15,7 +15,7 @@
 namespace zel::vault {
 
 class Connection {
-public:
+  public:
     static constexpr uint32_t kMaxSessions = 64;
     static constexpr uint32_t kMaxBlocks = 64;
 
@@ -23,7 +23,7 @@ public:
     // Serves requests until the client hangs up or the socket is shut down.
     void serve();
 
-private:
+  private:
     struct Session {
         TrustedApp* app;
         wire::UuidBytes uuid;

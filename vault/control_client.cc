@@ -30,15 +30,17 @@ TEEC_Result VaultControl::send(uint32_t command, uint32_t target, uint32_t count
     return result;
 }
 
-TEEC_Result VaultControl::reset() const { return send(kControlReset, 0, 0, 0, 0, TEEC_UUID{}); }
+TEEC_Result VaultControl::reset() const {
+    return send(kControlReset, 0, 0, 0, 0, TEEC_UUID{});
+}
 
 TEEC_Result VaultControl::failInvocations(const TEEC_UUID& ta, uint32_t command, uint32_t count,
                                           TEEC_Result result, uint32_t origin) const {
     return send(kControlFailInvoke, command, count, result, origin, ta);
 }
 
-TEEC_Result VaultControl::failOpenSession(const TEEC_UUID& ta, uint32_t count,
-                                          TEEC_Result result, uint32_t origin) const {
+TEEC_Result VaultControl::failOpenSession(const TEEC_UUID& ta, uint32_t count, TEEC_Result result,
+                                          uint32_t origin) const {
     return send(kControlFailOpenSession, 0, count, result, origin, ta);
 }
 

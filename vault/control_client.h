@@ -10,7 +10,7 @@
 namespace zel::vault {
 
 class VaultControl {
-public:
+  public:
     // An empty path is the default TEE.
     explicit VaultControl(std::string socketPath = {}) : socketPath_(std::move(socketPath)) {}
 
@@ -24,7 +24,7 @@ public:
     TEEC_Result stallInvocations(const TEEC_UUID& ta, uint32_t command, uint32_t count,
                                  uint32_t milliseconds) const;
 
-private:
+  private:
     TEEC_Result send(uint32_t command, uint32_t target, uint32_t count, uint32_t what,
                      uint32_t origin, const TEEC_UUID& ta) const;
     std::string socketPath_;

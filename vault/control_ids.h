@@ -36,8 +36,8 @@ inline std::array<uint32_t, 4> uuidWords(const TEEC_UUID& uuid) {
 }
 
 inline TEEC_UUID uuidFromWords(const std::array<uint32_t, 4>& words) {
-    TEEC_UUID uuid{words[0], static_cast<uint16_t>(words[1] >> 16),
-                   static_cast<uint16_t>(words[1]), {}};
+    TEEC_UUID uuid{
+        words[0], static_cast<uint16_t>(words[1] >> 16), static_cast<uint16_t>(words[1]), {}};
     for (int i = 0; i < 4; ++i) {
         uuid.clockSeqAndNode[i] = static_cast<uint8_t>(words[2] >> (24 - 8 * i));
         uuid.clockSeqAndNode[4 + i] = static_cast<uint8_t>(words[3] >> (24 - 8 * i));

@@ -18,7 +18,9 @@ const std::map<uint32_t, FaultPlan::Kind> kArmingCommands = {
     {kControlStallInvoke, FaultPlan::Kind::kStall},
 };
 
-TaResult invalid() { return {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP}; }
+TaResult invalid() {
+    return {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP};
+}
 
 }  // namespace
 

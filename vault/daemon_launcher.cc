@@ -67,11 +67,10 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
 
     const std::string executable =
         options.executable.empty() ? defaultVaultdPath() : options.executable;
-    std::vector<std::string> arguments = {executable, "--socket", daemon->socketPath_,
-                                          "--ready-fd", std::to_string(kReadyFdInChild)};
+    std::vector<std::string> arguments = {executable, "--socket", daemon->socketPath_, "--ready-fd",
+                                          std::to_string(kReadyFdInChild)};
     if (options.control) arguments.push_back("--control");
-    arguments.insert(arguments.end(), options.extraArguments.begin(),
-                     options.extraArguments.end());
+    arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);

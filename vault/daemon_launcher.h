@@ -12,7 +12,7 @@
 namespace zel::vault {
 
 class VaultDaemon {
-public:
+  public:
     struct Options {
         std::string executable;  // empty: zel-vaultd beside this program, else on PATH
         std::string socketPath;  // empty: a new private directory under $TMPDIR or /tmp
@@ -33,7 +33,7 @@ public:
     // SIGKILL and wait: the daemon dies without cleaning up.
     void kill();
 
-private:
+  private:
     VaultDaemon() = default;
     int wait(int milliseconds);  // the wait status, or -1 if still running
     pid_t pid_ = -1;

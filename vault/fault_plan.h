@@ -15,7 +15,7 @@
 namespace zel::vault {
 
 class FaultPlan {
-public:
+  public:
     enum class Kind : uint32_t { kInvoke, kOpenSession, kAllocation, kStall };
 
     struct Injected {
@@ -29,11 +29,10 @@ public:
     void arm(Kind kind, const wire::UuidBytes& uuid, uint32_t command, uint32_t count,
              Injected what);
     // Consumes one use of the first matching fault, if any.
-    std::optional<Injected> take(Kind kind, const wire::UuidBytes& uuid = {},
-                                 uint32_t command = 0);
+    std::optional<Injected> take(Kind kind, const wire::UuidBytes& uuid = {}, uint32_t command = 0);
     void reset();
 
-private:
+  private:
     struct Rule {
         Kind kind;
         wire::UuidBytes uuid;

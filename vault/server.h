@@ -14,7 +14,7 @@
 namespace zel::vault {
 
 class Server {
-public:
+  public:
     static constexpr size_t kMaxConnections = 256;
 
     Server(std::string socketPath, const TaRegistry& registry, FaultPlan& faults);
@@ -29,7 +29,7 @@ public:
     // their threads and removes the socket.
     void run(int stopFd);
 
-private:
+  private:
     struct Client {
         UniqueFd socket;
         std::thread thread;

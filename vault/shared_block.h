@@ -9,7 +9,7 @@
 namespace zel::vault {
 
 class SharedBlock {
-public:
+  public:
     SharedBlock() = default;
     SharedBlock(uint8_t* data, uint32_t size, size_t mapped, uint32_t flags)
         : data_(data), size_(size), mapped_(mapped), flags_(flags) {}
@@ -42,7 +42,7 @@ public:
         mapped_ = 0;
     }
 
-private:
+  private:
     uint8_t* data_ = nullptr;
     uint32_t size_ = 0;
     size_t mapped_ = 0;

@@ -44,7 +44,7 @@ struct TrustedApp {
 };
 
 class TaRegistry {
-public:
+  public:
     TrustedApp& add(const TEEC_UUID& uuid, std::string name,
                     std::function<TaResult(uint32_t, TaOperation&)> invoke) {
         auto& app = apps_[wire::uuidBytes(uuid)];
@@ -58,7 +58,7 @@ public:
         return it == apps_.end() ? nullptr : it->second.get();
     }
 
-private:
+  private:
     std::map<wire::UuidBytes, std::unique_ptr<TrustedApp>> apps_;
 };
 

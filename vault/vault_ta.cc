@@ -42,6 +42,8 @@ TaResult invokeVault(uint32_t command, TaOperation& op) {
 
 }  // namespace
 
-void addVaultTa(TaRegistry& registry) { registry.add(zel_test, "vault", invokeVault); }
+void addVaultTa(TaRegistry& registry) {
+    registry.add(zel_test, "vault", invokeVault);
+}
 
 }  // namespace zel::vault

@@ -312,8 +312,8 @@ void TEEC_CloseSession(TEEC_Session* session) {
     session->id = 0;
 }
 
-TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t commandID,
-                               TEEC_Operation* operation, uint32_t* returnOrigin) {
+TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t commandID, TEEC_Operation* operation,
+                               uint32_t* returnOrigin) {
     setOrigin(returnOrigin, TEEC_ORIGIN_API);
     if (!session || !session->context || !session->context->imp || session->id == 0)
         return TEEC_ERROR_BAD_PARAMETERS;
@@ -325,7 +325,8 @@ TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t commandID,
         return bad;
     if (operation) operation->started = 1;
     Reply reply{};
-    if (!transact(*session->context->imp, request, -1, reply)) return transportFailure(returnOrigin);
+    if (!transact(*session->context->imp, request, -1, reply))
+        return transportFailure(returnOrigin);
     setOrigin(returnOrigin, reply.origin);
     unmarshal(reply, operation);
     return reply.result;

@@ -17,26 +17,26 @@ inline constexpr TEEC_UUID zel_test_a = {
 namespace zel {
 
 // The general commands of the vault TA, one row per command: id, method name.
-#define ZEL_GENERAL_COMMANDS(X)                \
-    X(0x00, zel_put)                           \
-    X(0x02, zel_get)                           \
-    X(0x03, zel_delete)                        \
-    X(0x04, zel_deleteKey)                     \
-    X(0x06, zel_checkDataExistence)            \
-    X(0x07, zel_storeKey)                      \
-    X(0x08, zel_getCMACwithHubToken)           \
-    X(0x09, zel_ecdsaCreateSignature)          \
-    X(0x0a, zel_decryptByKey)                  \
-    X(0x0b, zel_decryptHubToken)               \
-    X(0x0c, zel_getHash)                       \
-    X(0x0e, zel_genAuthKey)                    \
-    X(0x0f, zel_getHubID)                      \
-    X(0x10, zel_getCmacKey)                    \
-    X(0x1b, zel_openSession)                   \
-    X(0x23, zel_aesEncrypt)                    \
-    X(0x24, zel_aesDecrypt)                    \
-    X(0x25, zel_compareData)                   \
-    X(0x26, zel_generateKey)                   \
+#define ZEL_GENERAL_COMMANDS(X)       \
+    X(0x00, zel_put)                  \
+    X(0x02, zel_get)                  \
+    X(0x03, zel_delete)               \
+    X(0x04, zel_deleteKey)            \
+    X(0x06, zel_checkDataExistence)   \
+    X(0x07, zel_storeKey)             \
+    X(0x08, zel_getCMACwithHubToken)  \
+    X(0x09, zel_ecdsaCreateSignature) \
+    X(0x0a, zel_decryptByKey)         \
+    X(0x0b, zel_decryptHubToken)      \
+    X(0x0c, zel_getHash)              \
+    X(0x0e, zel_genAuthKey)           \
+    X(0x0f, zel_getHubID)             \
+    X(0x10, zel_getCmacKey)           \
+    X(0x1b, zel_openSession)          \
+    X(0x23, zel_aesEncrypt)           \
+    X(0x24, zel_aesDecrypt)           \
+    X(0x25, zel_compareData)          \
+    X(0x26, zel_generateKey)          \
     X(0x2d, zel_getSlotInfo)
 
 // The secure processor's management commands.

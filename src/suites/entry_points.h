@@ -7,5 +7,4 @@ extern "C" {
 
 // Invokes command 0 of the vault TA once over a fresh session; returns the TEE result.
 ZEL_TC_API int test_lifetime();
-
 }

@@ -28,9 +28,13 @@ uint32_t runMaskSuite(const char* label, const uint32_t (&commands)[N]) {
 
 }  // namespace
 
-ZETest::ZETest() { logLine("Tessaril Test CA created"); }
+ZETest::ZETest() {
+    logLine("Tessaril Test CA created");
+}
 
-void ZETest::SetCMD(int selector) { cmd = selector; }
+void ZETest::SetCMD(int selector) {
+    cmd = selector;
+}
 
 int32_t ZETest::SendCMD() {
     logLine("Tessaril Test CA SendCMD: ", cmd);
@@ -56,9 +60,13 @@ int32_t ZETest::bist_test(int n) {
     return static_cast<int32_t>(result);
 }
 
-uint32_t ZETest::process_test() { return runMaskSuite("PROCESS", zel::kProcessCommands); }
+uint32_t ZETest::process_test() {
+    return runMaskSuite("PROCESS", zel::kProcessCommands);
+}
 
-uint32_t ZETest::heavyload_test() { return runMaskSuite("HEAVYLOAD", zel::kHeavyloadCommands); }
+uint32_t ZETest::heavyload_test() {
+    return runMaskSuite("HEAVYLOAD", zel::kHeavyloadCommands);
+}
 
 int32_t ZETest::lifecycle_test() {
     ZELTEEClient client;

@@ -7,7 +7,7 @@
 #include "zel_export.h"
 
 class ZEL_TC_API ZETest {
-public:
+  public:
     ZETest();
     ~ZETest() = default;
 
@@ -21,6 +21,6 @@ public:
     uint32_t heavyload_test();
     int32_t lifecycle_test();
 
-private:
+  private:
     int32_t cmd = -1;  // unknown until SetCMD
 };

@@ -6,7 +6,9 @@ using zel::logLine;
 
 ZELTEEClient::ZELTEEClient() : contextOpened(false), sessionOpened(false), memoryAllocated(false) {}
 
-ZELTEEClient::~ZELTEEClient() { Close(); }
+ZELTEEClient::~ZELTEEClient() {
+    Close();
+}
 
 bool ZELTEEClient::Open(TEEC_UUID destination) {
     uuid = destination;
@@ -52,7 +54,9 @@ bool ZELTEEClient::AllocateMemory() {
     return true;
 }
 
-void* ZELTEEClient::getSHMPtr() { return &sharedMemory; }
+void* ZELTEEClient::getSHMPtr() {
+    return &sharedMemory;
+}
 
 TEEC_Result ZELTEEClient::InvokeCommand(unsigned int commandID) {
     // Invoking over a session that is not open is a programmer error to the TEE Client API.

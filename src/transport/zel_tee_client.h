@@ -16,7 +16,7 @@
 #include "zel_export.h"
 
 class ZEL_TC_API ZELTEEClient {
-public:
+  public:
     static constexpr uint32_t kSharedMemorySize = 8192;
     static constexpr uint32_t kSharedMemoryFlags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
 
@@ -39,7 +39,7 @@ public:
     void CloseContext();
     void Close();
 
-private:
+  private:
     TEEC_Context context{};
     TEEC_Session session{};
     TEEC_SharedMemory sharedMemory{};

@@ -36,8 +36,9 @@ TEST_F(RawSuiteTest, LifecycleSucceedsThenStopsAtTheFifthFailure) {
     {
         OutputCapture output;
         EXPECT_EQ(test.SendCMD(), 0);
-        EXPECT_EQ(output.lines(), (Lines{"Tessaril Test CA SendCMD: 0", "TEE connection has been set",
-                                         "Tessaril LIFECYCLE TEST CA RESULT : 0"}));
+        EXPECT_EQ(output.lines(),
+                  (Lines{"Tessaril Test CA SendCMD: 0", "TEE connection has been set",
+                         "Tessaril LIFECYCLE TEST CA RESULT : 0"}));
     }
     ASSERT_EQ(control.failInvocations(zel_test, 0, 2, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
               TEEC_SUCCESS);
@@ -53,9 +54,8 @@ TEST_F(RawSuiteTest, LifecycleSucceedsThenStopsAtTheFifthFailure) {
     const std::string failure =
         "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901773, retOrigin = 3";
     EXPECT_EQ(output.lines(),
-              (Lines{"Tessaril Test CA SendCMD: 0", "TEE connection has been set", failure,
-                     failure, failure, failure, failure,
-                     "Tessaril LIFECYCLE TEST CA RESULT : 5"}));
+              (Lines{"Tessaril Test CA SendCMD: 0", "TEE connection has been set", failure, failure,
+                     failure, failure, failure, "Tessaril LIFECYCLE TEST CA RESULT : 5"}));
 }
 
 TEST_F(RawSuiteTest, BistReportsTheTeeResultOfEachCommand) {
@@ -78,8 +78,7 @@ TEST_F(RawSuiteTest, BistReportsTheTeeResultOfEachCommand) {
 
 TEST_F(RawSuiteTest, UnknownSelectorOpensNoSession) {
     // Any session opened would fail loudly.
-    ASSERT_EQ(control.failOpenSession(zel_test, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
+    ASSERT_EQ(control.failOpenSession(zel_test, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE), TEEC_SUCCESS);
     OutputCapture output;
     ZETest test;
     test.SetCMD(18);
@@ -98,11 +97,12 @@ TEST_F(RawSuiteTest, RecoverableLineOnlyForGenericErrorsFromTheCommunicationLaye
     {
         OutputCapture output;
         EXPECT_EQ(test_lifetime(), kGeneric);
-        EXPECT_EQ(output.lines(),
-                  (Lines{"TEE connection has been set",
-                         "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901760, retOrigin = 2",
-                         "TZ reported recoverable error, session should be restarted",
-                         "Tessaril test_lifetime TEST CA RESULT : 4294901760"}));
+        EXPECT_EQ(
+            output.lines(),
+            (Lines{"TEE connection has been set",
+                   "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901760, retOrigin = 2",
+                   "TZ reported recoverable error, session should be restarted",
+                   "Tessaril test_lifetime TEST CA RESULT : 4294901760"}));
     }
     ASSERT_EQ(control.failInvocations(zel_test, 0, 1, TEEC_ERROR_GENERIC, TEEC_ORIGIN_TEE),
               TEEC_SUCCESS);

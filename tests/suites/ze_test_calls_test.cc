@@ -23,7 +23,7 @@ void failCommands(std::set<uint32_t> failing) {
 }
 
 class ZeTestCallsTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override { recorder::reset(); }
     OutputCapture output;  // keeps the suites' lines out of the test log
 };

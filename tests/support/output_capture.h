@@ -8,7 +8,7 @@
 #include <vector>
 
 class OutputCapture {
-public:
+  public:
     OutputCapture() { testing::internal::CaptureStdout(); }
     ~OutputCapture() {
         if (!taken_) testing::internal::GetCapturedStdout();
@@ -21,7 +21,7 @@ public:
         return out;
     }
 
-private:
+  private:
     bool taken_ = false;
 };
 

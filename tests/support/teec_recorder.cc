@@ -33,7 +33,9 @@ TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
     return script.initialize;
 }
 
-void TEEC_FinalizeContext(TEEC_Context*) { calls.push_back("FinalizeContext"); }
+void TEEC_FinalizeContext(TEEC_Context*) {
+    calls.push_back("FinalizeContext");
+}
 
 TEEC_Result TEEC_RegisterSharedMemory(TEEC_Context*, TEEC_SharedMemory*) {
     calls.push_back("RegisterSharedMemory");
@@ -65,7 +67,9 @@ TEEC_Result TEEC_OpenSession(TEEC_Context*, TEEC_Session*, const TEEC_UUID* dest
     return script.openSession.result;
 }
 
-void TEEC_CloseSession(TEEC_Session*) { calls.push_back("CloseSession"); }
+void TEEC_CloseSession(TEEC_Session*) {
+    calls.push_back("CloseSession");
+}
 
 TEEC_Result TEEC_InvokeCommand(TEEC_Session*, uint32_t commandID, TEEC_Operation* operation,
                                uint32_t* returnOrigin) {
@@ -78,6 +82,8 @@ TEEC_Result TEEC_InvokeCommand(TEEC_Session*, uint32_t commandID, TEEC_Operation
     return answer.result;
 }
 
-void TEEC_RequestCancellation(TEEC_Operation*) { calls.push_back("RequestCancellation"); }
+void TEEC_RequestCancellation(TEEC_Operation*) {
+    calls.push_back("RequestCancellation");
+}
 
 }  // extern "C"

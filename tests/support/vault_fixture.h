@@ -11,7 +11,7 @@
 #include "daemon_launcher.h"
 
 class VaultFixture : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         std::string error;
         daemon = zel::vault::VaultDaemon::start({{}, {}, true, {}}, error);

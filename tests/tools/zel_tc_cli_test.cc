@@ -9,9 +9,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "interface/zel_ta_ids.h"
 #include "output_capture.h"
 #include "vault_fixture.h"
-#include "interface/zel_ta_ids.h"
 
 namespace {
 
@@ -48,11 +48,11 @@ CliRun zelTc(const std::string& arguments) {
 TEST(ZelTcCliTest, RunsNamedStepsAgainstItsOwnDaemon) {
     const CliRun run = zelTc("run process bist 17");
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out, (Lines{"Tessaril Test CA created", "Tessaril Test CA SendCMD: 2",
-                              "TEE connection has been set",
-                              "Tessaril PROCESS TEST CA RESULT : 0", "Tessaril Test CA created",
-                              "Tessaril Test CA SendCMD: 17", "TEE connection has been set",
-                              "Tessaril BIST : 17 TEST CA RESULT : 0"}));
+    EXPECT_EQ(run.out,
+              (Lines{"Tessaril Test CA created", "Tessaril Test CA SendCMD: 2",
+                     "TEE connection has been set", "Tessaril PROCESS TEST CA RESULT : 0",
+                     "Tessaril Test CA created", "Tessaril Test CA SendCMD: 17",
+                     "TEE connection has been set", "Tessaril BIST : 17 TEST CA RESULT : 0"}));
     EXPECT_NE(run.err.find("PASS 503 process result 0x00000000"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("PASS 504 bist 17 result 0x00000000"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("2 passed, 0 failed"), std::string::npos) << run.err;
@@ -65,8 +65,7 @@ TEST(ZelTcCliTest, BadInputIsRefusedBeforeAnythingRuns) {
         EXPECT_EQ(run.out, Lines{}) << arguments;
     }
     EXPECT_NE(zelTc("run nosuch").err.find("no step is named 'nosuch'"), std::string::npos);
-    EXPECT_NE(zelTc("run bist 18").err.find("bist takes a number from 3 to 17"),
-              std::string::npos);
+    EXPECT_NE(zelTc("run bist 18").err.find("bist takes a number from 3 to 17"), std::string::npos);
 }
 
 TEST(ZelTcCliTest, ListShowsEveryStepWithItsNumber) {
@@ -86,6 +85,32 @@ TEST_F(ZelTcAgainstRunningDaemonTest, FailingStepFailsTheRun) {
     EXPECT_NE(run.err.find("FAIL 503 process result 0x00000004"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("PASS 505 test_lifetime"), std::string::npos) << run.err;
     EXPECT_NE(run.err.find("1 passed, 1 failed"), std::string::npos) << run.err;
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ZelTcAgainstRunningDaemonTest, VaultCommandsArmTheControlTaFromTheShell) {
+    const std::string socket = " --socket " + daemon->socketPath();
+    EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 0x0d --result BUSY --origin TEE").exitCode, 0);
+    CliRun run = zelTc("run" + socket + " process");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(std::find(run.out.begin(), run.out.end(),
+                        "TEEC_InvokeCommand() failed for cmd = 13, result = 4294901773, "
+                        "retOrigin = 3"),
+              run.out.end());
+    EXPECT_NE(run.err.find("FAIL 503 process result 0x00000010"), std::string::npos) << run.err;
+
+    EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 0 --count 0").exitCode, 0);
+    EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
+    EXPECT_EQ(zelTc("run" + socket + " test_lifetime").exitCode, 0);
+
+    run = zelTc("vault fail" + socket + " --cmd 1 --result NO_SUCH_RESULT");
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("cannot read --result NO_SUCH_RESULT"), std::string::npos);
+    EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 1 --uuid 58d50001-1105").exitCode, 2);
+    EXPECT_EQ(zelTc("vault reset --socket " + daemon->socketPath() + ".gone").exitCode, 1);
 }
 
 }  // namespace

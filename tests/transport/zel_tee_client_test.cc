@@ -3,15 +3,15 @@
 
 #include <cstring>
 
+#include "interface/zel_ta_ids.h"
 #include "output_capture.h"
 #include "teec_recorder.h"
 #include "transport/zel_tee_client.h"
-#include "interface/zel_ta_ids.h"
 
 using Calls = std::vector<std::string>;
 
 class ZelTeeClientTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override { recorder::reset(); }
 };
 
@@ -105,7 +105,8 @@ TEST_F(ZelTeeClientTest, SecondOpenCallsNoTeeFunctionAndKeepsTheFirstSession) {
     EXPECT_TRUE(client.Open(zel_test_a));
     EXPECT_EQ(recorder::calls.size(), callsAfterFirstOpen);
     EXPECT_EQ(std::memcmp(&recorder::lastDestination, &zel_test, sizeof zel_test), 0);
-    EXPECT_EQ(output.lines(), (Lines{"TEE connection has been set", "TEE connection has been set"}));
+    EXPECT_EQ(output.lines(),
+              (Lines{"TEE connection has been set", "TEE connection has been set"}));
 }
 
 TEST_F(ZelTeeClientTest, ClosedClientCanBeOpenedAgain) {
@@ -132,10 +133,11 @@ TEST_F(ZelTeeClientTest, InvocationFailureLinesInUnsignedDecimal) {
     EXPECT_EQ(client.InvokeCommand(0), TEEC_ERROR_GENERIC);
     EXPECT_EQ(client.InvokeCommand(7), TEEC_ERROR_GENERIC);
     EXPECT_EQ(client.InvokeCommand(0x2d), TEEC_ERROR_BAD_PARAMETERS);
-    EXPECT_EQ(output.lines(),
-              (Lines{"TEE connection has been set",
-                     "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901760, retOrigin = 2",
-                     "TZ reported recoverable error, session should be restarted",
-                     "TEEC_InvokeCommand() failed for cmd = 7, result = 4294901760, retOrigin = 3",
-                     "TEEC_InvokeCommand() failed for cmd = 45, result = 4294901766, retOrigin = 4"}));
+    EXPECT_EQ(
+        output.lines(),
+        (Lines{"TEE connection has been set",
+               "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901760, retOrigin = 2",
+               "TZ reported recoverable error, session should be restarted",
+               "TEEC_InvokeCommand() failed for cmd = 7, result = 4294901760, retOrigin = 3",
+               "TEEC_InvokeCommand() failed for cmd = 45, result = 4294901766, retOrigin = 4"}));
 }

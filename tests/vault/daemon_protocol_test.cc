@@ -2,13 +2,13 @@
 // well formed, and the daemon goes on serving everyone.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-#include <fcntl.h>
+#include <cstring>
 
 #include "interface/zel_ta_ids.h"
 #include "teec_wire.h"
@@ -22,7 +22,7 @@ namespace wire = zel::wire;
 
 // Speaks the wire protocol directly, so that a test can send what no TEE client library would.
 class RawClient {
-public:
+  public:
     explicit RawClient(const std::string& path) : fd_(socket(AF_UNIX, SOCK_SEQPACKET, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -97,7 +97,7 @@ public:
 
     TEEC_Result lastResult = 0;
 
-private:
+  private:
     UniqueFd fd_;
     bool connected_ = false;
 };
@@ -189,8 +189,7 @@ TEST_F(DaemonProtocolTest, OffsetsSizesAndIdsAreCheckedAgainstTheClientsOwnTable
 
     // The owner's session and memory ids mean nothing on the intruder's connection.
     EXPECT_EQ(intruder.invoke(session, 0, memory, 0, 16).result, TEEC_ERROR_BAD_PARAMETERS);
-    EXPECT_EQ(intruder.invoke(intruderSession, 0, memory, 0, 16).result,
-              TEEC_ERROR_BAD_PARAMETERS);
+    EXPECT_EQ(intruder.invoke(intruderSession, 0, memory, 0, 16).result, TEEC_ERROR_BAD_PARAMETERS);
     wire::Request closeOthers{};
     closeOthers.op = wire::kCloseSession;
     closeOthers.session_id = session;

@@ -14,7 +14,9 @@ int32_t runZeTest(int selector) {
     return test.SendCMD();
 }
 
-int32_t runTestLifetime(int) { return test_lifetime(); }
+int32_t runTestLifetime(int) {
+    return test_lifetime();
+}
 
 bool parseNumber(const std::string& word, long& value) {
     if (word.empty()) return false;
@@ -43,8 +45,8 @@ const std::vector<CatalogueEntry>& catalogue() {
          runZeTest, 0, 0},
         {502, "heavyload", "ten commands over one session, result is the failure mask", runZeTest,
          1, 1},
-        {503, "process", "nine commands over one session, result is the failure mask", runZeTest,
-         2, 2},
+        {503, "process", "nine commands over one session, result is the failure mask", runZeTest, 2,
+         2},
         {504, "bist", "built-in self-test of one command, sent with an empty request", runZeTest,
          kFirstBistCommand, kLastBistCommand},
         {505, "test_lifetime", "exported entry point: command 0 once over a fresh session",

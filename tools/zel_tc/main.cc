@@ -12,18 +12,16 @@
 
 #include "catalogue.h"
 #include "daemon_launcher.h"
+#include "tee_names.h"
+#include "vault_commands.h"
 
 namespace {
 
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-void say(const std::string& text) { std::cerr << "zel-tc: " << text << std::endl; }
-
-std::string hex(int32_t result) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", static_cast<uint32_t>(result));
-    return text;
+void say(const std::string& text) {
+    std::cerr << "zel-tc: " << text << std::endl;
 }
 
 void listSteps() {
@@ -42,8 +40,8 @@ int runSteps(const std::vector<zel::tc::Step>& steps) {
         const int32_t result = step.run(step.argument);
         const bool pass = result == 0;
         (pass ? passed : failed)++;
-        say(std::string(pass ? "PASS " : "FAIL ") + std::to_string(step.number) + " " +
-            step.name + " result " + hex(result));
+        say(std::string(pass ? "PASS " : "FAIL ") + std::to_string(step.number) + " " + step.name +
+            " result " + zel::tc::describeResult(static_cast<uint32_t>(result)));
     }
     std::ostringstream summary;
     summary << passed << " passed, " << failed << " failed";
@@ -92,6 +90,8 @@ int main(int argc, char** argv) {
         setenv("ZEL_TEE_SOCKET", socket.c_str(), 1);
         exitCode = runSteps(steps);
     });
+
+    zel::tc::addVaultCommands(app, exitCode);
 
     try {
         app.parse(argc, argv);

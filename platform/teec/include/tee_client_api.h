@@ -68,7 +68,7 @@ typedef uint32_t TEEC_Result;
 
 #define TEEC_PARAM_TYPES(p0, p1, p2, p3) \
     ((uint32_t)(p0) | ((uint32_t)(p1) << 4) | ((uint32_t)(p2) << 8) | ((uint32_t)(p3) << 12))
-#define TEEC_PARAM_TYPE_GET(types, i) (((types) >> ((i) * 4)) & 0xFu)
+#define TEEC_PARAM_TYPE_GET(types, i) (((types) >> ((i)*4)) & 0xFu)
 
 typedef struct {
     uint32_t timeLow;
@@ -141,8 +141,8 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
                              uint32_t* returnOrigin);
 void TEEC_CloseSession(TEEC_Session* session);
 
-TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t commandID,
-                               TEEC_Operation* operation, uint32_t* returnOrigin);
+TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t commandID, TEEC_Operation* operation,
+                               uint32_t* returnOrigin);
 
 /* Operations here are never cancellable; the call does nothing. */
 void TEEC_RequestCancellation(TEEC_Operation* operation);
