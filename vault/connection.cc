@@ -13,7 +13,7 @@ namespace zel::vault {
 
 namespace {
 
-wire::Reply failure(TEEC_Result result, uint32_t origin) {
+wire::Reply answer(TEEC_Result result, uint32_t origin) {
     wire::Reply reply{};
     reply.result = result;
     reply.origin = origin;
@@ -22,40 +22,7 @@ wire::Reply failure(TEEC_Result result, uint32_t origin) {
 
 // A malformed request or an id, offset or size that is not the client's: the TEE refuses it.
 wire::Reply refused() {
-    return failure(TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TEE);
-}
-
-bool validParamType(uint32_t type) {
-    switch (type) {
-        case TEEC_NONE:
-        case TEEC_VALUE_INPUT:
-        case TEEC_VALUE_OUTPUT:
-        case TEEC_VALUE_INOUT:
-        case TEEC_MEMREF_WHOLE:
-        case TEEC_MEMREF_PARTIAL_INPUT:
-        case TEEC_MEMREF_PARTIAL_OUTPUT:
-        case TEEC_MEMREF_PARTIAL_INOUT:
-            return true;
-        default:
-            return false;
-    }
-}
-
-uint32_t directionOf(uint32_t type) {
-    switch (type) {
-        case TEEC_MEMREF_PARTIAL_INPUT:
-            return TEEC_MEM_INPUT;
-        case TEEC_MEMREF_PARTIAL_OUTPUT:
-            return TEEC_MEM_OUTPUT;
-        case TEEC_MEMREF_PARTIAL_INOUT:
-            return TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
-        default:
-            return 0;
-    }
-}
-
-bool isMemref(uint32_t type) {
-    return type >= TEEC_MEMREF_WHOLE;
+    return answer(TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TEE);
 }
 
 }  // namespace
@@ -71,11 +38,8 @@ void Connection::serve() {
         if (got == Received::kClosed) return;
         const wire::Reply reply = got == Received::kRequest
                                       ? handle(request, std::move(passed))
-                                      : failure(TEEC_ERROR_BAD_FORMAT, TEEC_ORIGIN_COMMS);
-        ssize_t sent;
-        do sent = send(socket_, &reply, sizeof reply, MSG_NOSIGNAL);
-        while (sent < 0 && errno == EINTR);
-        if (sent != static_cast<ssize_t>(sizeof reply)) return;
+                                      : answer(TEEC_ERROR_BAD_FORMAT, TEEC_ORIGIN_COMMS);
+        if (!wire::sendMessage(socket_, &reply, sizeof reply, -1)) return;
     }
 }
 
@@ -120,7 +84,7 @@ wire::Reply Connection::handle(const wire::Request& request, UniqueFd passed) {
         {wire::kInvoke, &Connection::invoke},
     };
     const auto it = kHandlers.find(request.op);
-    if (it == kHandlers.end()) return failure(TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_COMMS);
+    if (it == kHandlers.end()) return answer(TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_COMMS);
     return (this->*it->second)(request, std::move(passed));
 }
 
@@ -128,31 +92,31 @@ wire::Reply Connection::openSession(const wire::Request& request, UniqueFd) {
     if (request.login != TEEC_LOGIN_PUBLIC) return refused();
     TaOperation operation;
     if (buildOperation(request, operation) != TEEC_SUCCESS) return refused();
-    if (sessions_.size() >= kMaxSessions) return failure(TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE);
+    if (sessions_.size() >= kMaxSessions) return answer(TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE);
     if (const auto injected = faults_.take(FaultPlan::Kind::kOpenSession, request.uuid))
-        return failure(injected->result, injected->origin);
+        return answer(injected->result, injected->origin);
     TrustedApp* app = registry_.find(request.uuid);
-    if (!app) return failure(TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE);
+    if (!app) return answer(TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE);
     const uint32_t id = nextId_++;
     sessions_[id] = Session{app, request.uuid};
-    wire::Reply reply = failure(TEEC_SUCCESS, TEEC_ORIGIN_TRUSTED_APP);
+    wire::Reply reply = answer(TEEC_SUCCESS, TEEC_ORIGIN_TRUSTED_APP);
     reply.id = id;
     return reply;
 }
 
 wire::Reply Connection::closeSession(const wire::Request& request, UniqueFd) {
     if (sessions_.erase(request.session_id) == 0) return refused();
-    return failure(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
+    return answer(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
 }
 
 wire::Reply Connection::registerMemory(const wire::Request& request, UniqueFd passed) {
     const uint32_t validFlags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
     if (!passed || request.flags == 0 || (request.flags & ~validFlags) != 0) return refused();
     if (request.size > TEEC_CONFIG_SHAREDMEM_MAX_SIZE)
-        return failure(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
-    if (blocks_.size() >= kMaxBlocks) return failure(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
+        return answer(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
+    if (blocks_.size() >= kMaxBlocks) return answer(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
     if (const auto injected = faults_.take(FaultPlan::Kind::kAllocation))
-        return failure(injected->result, injected->origin);
+        return answer(injected->result, injected->origin);
 
     // Only a sealed memfd is mapped: its size cannot shrink under us later, so no access through
     // the mapping can fault.
@@ -163,17 +127,17 @@ wire::Reply Connection::registerMemory(const wire::Request& request, UniqueFd pa
         static_cast<uint64_t>(info.st_size) < mapped)
         return refused();
     void* data = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, passed.get(), 0);
-    if (data == MAP_FAILED) return failure(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
+    if (data == MAP_FAILED) return answer(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
     const uint32_t id = nextId_++;
     blocks_[id] = SharedBlock(static_cast<uint8_t*>(data), request.size, mapped, request.flags);
-    wire::Reply reply = failure(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
+    wire::Reply reply = answer(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
     reply.id = id;
     return reply;
 }
 
 wire::Reply Connection::releaseMemory(const wire::Request& request, UniqueFd) {
     if (blocks_.erase(request.memory_id) == 0) return refused();
-    return failure(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
+    return answer(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
 }
 
 wire::Reply Connection::invoke(const wire::Request& request, UniqueFd) {
@@ -193,7 +157,7 @@ wire::Reply Connection::invoke(const wire::Request& request, UniqueFd) {
     else
         result = app.invoke(request.command, operation);
 
-    wire::Reply reply = failure(result.result, result.origin);
+    wire::Reply reply = answer(result.result, result.origin);
     for (size_t i = 0; i < operation.params.size(); ++i) {
         reply.params[i].a = operation.params[i].a;
         reply.params[i].b = operation.params[i].b;
@@ -209,9 +173,11 @@ TEEC_Result Connection::buildOperation(const wire::Request& request, TaOperation
         const uint32_t type = TEEC_PARAM_TYPE_GET(request.param_types, i);
         const wire::Param& in = request.params[i];
         TaParam& out = operation.params[i];
-        if (!validParamType(type)) return TEEC_ERROR_BAD_PARAMETERS;
+        const wire::ParamKind kind = wire::paramKind(type);
+        if (kind == wire::ParamKind::kInvalid || kind == wire::ParamKind::kTempMemref)
+            return TEEC_ERROR_BAD_PARAMETERS;
         out.type = type;
-        if (!isMemref(type)) {
+        if (kind != wire::ParamKind::kMemref) {
             out.a = in.a;
             out.b = in.b;
             continue;
@@ -219,8 +185,8 @@ TEEC_Result Connection::buildOperation(const wire::Request& request, TaOperation
         const auto block = blocks_.find(in.memory_id);
         if (block == blocks_.end()) return TEEC_ERROR_BAD_PARAMETERS;
         const SharedBlock& memory = block->second;
-        if ((memory.flags() & directionOf(type)) != directionOf(type))
-            return TEEC_ERROR_BAD_PARAMETERS;
+        const uint32_t needed = wire::flagsNeeded(type);
+        if ((memory.flags() & needed) != needed) return TEEC_ERROR_BAD_PARAMETERS;
         if (static_cast<uint64_t>(in.offset) + in.size > memory.size())
             return TEEC_ERROR_BAD_PARAMETERS;
         out.buffer = memory.data() + in.offset;

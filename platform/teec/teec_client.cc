@@ -58,25 +58,7 @@ void setOrigin(uint32_t* returnOrigin, uint32_t origin) {
 // connection is gone; the daemon never leaves a well-formed request unanswered.
 bool transact(TeecConnection& connection, const Request& request, int passFd, Reply& reply) {
     std::lock_guard<std::mutex> guard(connection.lock);
-    iovec iov{const_cast<Request*>(&request), sizeof request};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    if (passFd >= 0) {
-        msg.msg_control = control;
-        msg.msg_controllen = sizeof control;
-        cmsghdr* header = CMSG_FIRSTHDR(&msg);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(header), &passFd, sizeof(int));
-    }
-    ssize_t sent;
-    do sent = sendmsg(connection.fd, &msg, MSG_NOSIGNAL);
-    while (sent < 0 && errno == EINTR);
-    if (sent != static_cast<ssize_t>(sizeof request)) return false;
-
+    if (!zel::wire::sendMessage(connection.fd, &request, sizeof request, passFd)) return false;
     ssize_t received;
     do received = recv(connection.fd, &reply, sizeof reply, 0);
     while (received < 0 && errno == EINTR);
@@ -86,34 +68,6 @@ bool transact(TeecConnection& connection, const Request& request, int passFd, Re
 TEEC_Result transportFailure(uint32_t* returnOrigin) {
     setOrigin(returnOrigin, TEEC_ORIGIN_COMMS);
     return TEEC_ERROR_GENERIC;
-}
-
-bool isMemref(uint32_t type) {
-    return type == TEEC_MEMREF_WHOLE || type == TEEC_MEMREF_PARTIAL_INPUT ||
-           type == TEEC_MEMREF_PARTIAL_OUTPUT || type == TEEC_MEMREF_PARTIAL_INOUT;
-}
-
-bool isTempMemref(uint32_t type) {
-    return type == TEEC_MEMREF_TEMP_INPUT || type == TEEC_MEMREF_TEMP_OUTPUT ||
-           type == TEEC_MEMREF_TEMP_INOUT;
-}
-
-bool isValue(uint32_t type) {
-    return type == TEEC_VALUE_INPUT || type == TEEC_VALUE_OUTPUT || type == TEEC_VALUE_INOUT;
-}
-
-// The memory flags a partial reference needs from its parent block.
-uint32_t flagsNeeded(uint32_t type) {
-    switch (type) {
-        case TEEC_MEMREF_PARTIAL_INPUT:
-            return TEEC_MEM_INPUT;
-        case TEEC_MEMREF_PARTIAL_OUTPUT:
-            return TEEC_MEM_OUTPUT;
-        case TEEC_MEMREF_PARTIAL_INOUT:
-            return TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
-        default:
-            return 0;
-    }
 }
 
 // Fills the request's parameters from an operation. A NULL operation is allowed by the standard
@@ -127,16 +81,17 @@ TEEC_Result marshal(const TEEC_Context* context, const TEEC_Operation* operation
         const uint32_t type = TEEC_PARAM_TYPE_GET(operation->paramTypes, i);
         const TEEC_Parameter& param = operation->params[i];
         zel::wire::Param& out = request.params[i];
-        if (type == TEEC_NONE) continue;
-        if (isValue(type)) {
+        const zel::wire::ParamKind kind = zel::wire::paramKind(type);
+        if (kind == zel::wire::ParamKind::kNone) continue;
+        if (kind == zel::wire::ParamKind::kValue) {
             out.a = param.value.a;
             out.b = param.value.b;
             continue;
         }
         // Temporary references would need a copy through the socket on every call; this host
         // offers registered (allocated) memory only, which is all the library uses.
-        if (isTempMemref(type)) return TEEC_ERROR_NOT_SUPPORTED;
-        if (!isMemref(type)) return TEEC_ERROR_BAD_PARAMETERS;
+        if (kind == zel::wire::ParamKind::kTempMemref) return TEEC_ERROR_NOT_SUPPORTED;
+        if (kind != zel::wire::ParamKind::kMemref) return TEEC_ERROR_BAD_PARAMETERS;
         const TEEC_SharedMemory* parent = param.memref.parent;
         if (!parent || parent->context != context || parent->id == 0)
             return TEEC_ERROR_BAD_PARAMETERS;
@@ -144,8 +99,8 @@ TEEC_Result marshal(const TEEC_Context* context, const TEEC_Operation* operation
             out.offset = 0;
             out.size = static_cast<uint32_t>(parent->size);
         } else {
-            if ((parent->flags & flagsNeeded(type)) != flagsNeeded(type))
-                return TEEC_ERROR_BAD_PARAMETERS;
+            const uint32_t needed = zel::wire::flagsNeeded(type);
+            if ((parent->flags & needed) != needed) return TEEC_ERROR_BAD_PARAMETERS;
             if (param.memref.offset > parent->size ||
                 param.memref.size > parent->size - param.memref.offset)
                 return TEEC_ERROR_BAD_PARAMETERS;

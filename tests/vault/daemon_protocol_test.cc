@@ -32,23 +32,9 @@ class RawClient {
     bool connected() const { return connected_; }
 
     wire::Reply sendBytes(const void* bytes, size_t size, int passFd = -1) {
-        iovec iov{const_cast<void*>(bytes), size};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        if (passFd >= 0) {
-            msg.msg_control = control;
-            msg.msg_controllen = sizeof control;
-            cmsghdr* header = CMSG_FIRSTHDR(&msg);
-            header->cmsg_level = SOL_SOCKET;
-            header->cmsg_type = SCM_RIGHTS;
-            header->cmsg_len = CMSG_LEN(sizeof(int));
-            std::memcpy(CMSG_DATA(header), &passFd, sizeof(int));
-        }
         wire::Reply reply{};
         reply.result = 0xDEADBEEF;
-        if (sendmsg(fd_.get(), &msg, MSG_NOSIGNAL) == static_cast<ssize_t>(size)) {
+        if (wire::sendMessage(fd_.get(), bytes, size, passFd)) {
             EXPECT_EQ(recv(fd_.get(), &reply, sizeof reply, 0), static_cast<ssize_t>(sizeof reply));
         }
         return reply;

@@ -13,7 +13,11 @@
 #include <cstdlib>
 #include <string>
 
+#include <sys/socket.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 namespace zel::wire {
 
@@ -59,6 +63,68 @@ struct Reply {
 static_assert(sizeof(Param) == 20);
 static_assert(sizeof(Request) == 48 + 4 * sizeof(Param));
 static_assert(sizeof(Reply) == 12 + 4 * sizeof(Param));
+
+enum class ParamKind { kNone, kValue, kTempMemref, kMemref, kInvalid };
+
+// The standard's parameter types by kind; 4 and 8 to 0xB are no type at all.
+inline ParamKind paramKind(uint32_t type) {
+    switch (type) {
+        case TEEC_NONE:
+            return ParamKind::kNone;
+        case TEEC_VALUE_INPUT:
+        case TEEC_VALUE_OUTPUT:
+        case TEEC_VALUE_INOUT:
+            return ParamKind::kValue;
+        case TEEC_MEMREF_TEMP_INPUT:
+        case TEEC_MEMREF_TEMP_OUTPUT:
+        case TEEC_MEMREF_TEMP_INOUT:
+            return ParamKind::kTempMemref;
+        case TEEC_MEMREF_WHOLE:
+        case TEEC_MEMREF_PARTIAL_INPUT:
+        case TEEC_MEMREF_PARTIAL_OUTPUT:
+        case TEEC_MEMREF_PARTIAL_INOUT:
+            return ParamKind::kMemref;
+        default:
+            return ParamKind::kInvalid;
+    }
+}
+
+// The memory flags a partial reference needs from its block; a whole reference needs none.
+inline uint32_t flagsNeeded(uint32_t type) {
+    switch (type) {
+        case TEEC_MEMREF_PARTIAL_INPUT:
+            return TEEC_MEM_INPUT;
+        case TEEC_MEMREF_PARTIAL_OUTPUT:
+            return TEEC_MEM_OUTPUT;
+        case TEEC_MEMREF_PARTIAL_INOUT:
+            return TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
+        default:
+            return 0;
+    }
+}
+
+// Sends one message whole, passing a descriptor along unless passFd is -1. Never raises SIGPIPE:
+// a peer that has gone is an ordinary false.
+inline bool sendMessage(int socket, const void* bytes, size_t size, int passFd) {
+    iovec iov{const_cast<void*>(bytes), size};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    if (passFd >= 0) {
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        cmsghdr* header = CMSG_FIRSTHDR(&msg);
+        header->cmsg_level = SOL_SOCKET;
+        header->cmsg_type = SCM_RIGHTS;
+        header->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(header), &passFd, sizeof(int));
+    }
+    ssize_t sent;
+    do sent = sendmsg(socket, &msg, MSG_NOSIGNAL);
+    while (sent < 0 && errno == EINTR);
+    return sent == static_cast<ssize_t>(size);
+}
 
 // The canonical byte order of RFC 4122: the numeric fields big-endian.
 inline UuidBytes uuidBytes(const TEEC_UUID& uuid) {
