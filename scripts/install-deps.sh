@@ -2,7 +2,7 @@
 # Installs what the build needs from Debian's packages, only when something is missing.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libcli11-dev
+packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libcli11-dev libbenchmark-dev
           libssl-dev libsqlite3-dev)
 missing=()
 for package in "${packages[@]}"; do
