@@ -1,6 +1,7 @@
 // Everything a harness may use from libzel-tc-lib.
 #pragma once
 
+#include "interface/ca_zel_interface.h"
 #include "interface/zel_ta_ids.h"
 #include "suites/entry_points.h"
 #include "suites/ze_test.h"

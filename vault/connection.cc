@@ -25,6 +25,15 @@ wire::Reply refused() {
     return answer(TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TEE);
 }
 
+// A scripted reply stands in for the TA: its bytes go into the first memory reference.
+TaResult writeScriptedReply(const std::vector<uint8_t>& reply, TaOperation& operation) {
+    TaParam& block = operation.params[0];
+    if (!block.buffer || block.size < reply.size())
+        return {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP};
+    std::memcpy(block.buffer, reply.data(), reply.size());
+    return {};
+}
+
 }  // namespace
 
 Connection::Connection(int socket, const TaRegistry& registry, FaultPlan& faults)
@@ -154,6 +163,9 @@ wire::Reply Connection::invoke(const wire::Request& request, UniqueFd) {
     TaResult result;
     if (const auto injected = faults_.take(FaultPlan::Kind::kInvoke, uuid, request.command))
         result = {injected->result, injected->origin};
+    else if (const auto scripted =
+                 faults_.take(FaultPlan::Kind::kScriptedReply, uuid, request.command))
+        result = writeScriptedReply(scripted->reply, operation);
     else
         result = app.invoke(request.command, operation);
 

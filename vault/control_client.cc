@@ -2,10 +2,13 @@
 
 #include "control_ids.h"
 
+#include <cstring>
+
 namespace zel::vault {
 
 TEEC_Result VaultControl::send(uint32_t command, uint32_t target, uint32_t count, uint32_t what,
-                               uint32_t origin, const TEEC_UUID& ta) const {
+                               uint32_t origin, const TEEC_UUID& ta,
+                               const std::vector<uint8_t>* message) const {
     TEEC_Context context{};
     TEEC_Result result =
         TEEC_InitializeContext(socketPath_.empty() ? nullptr : socketPath_.c_str(), &context);
@@ -14,6 +17,14 @@ TEEC_Result VaultControl::send(uint32_t command, uint32_t target, uint32_t count
     uint32_t returnOrigin = 0;
     result = TEEC_OpenSession(&context, &session, &kControlUuid, TEEC_LOGIN_PUBLIC, nullptr,
                               nullptr, &returnOrigin);
+    TEEC_SharedMemory memory{};
+    if (result == TEEC_SUCCESS && message) {
+        memory.size = message->size();
+        memory.flags = TEEC_MEM_INPUT;
+        result = TEEC_AllocateSharedMemory(&context, &memory);
+        if (result == TEEC_SUCCESS && !message->empty())
+            std::memcpy(memory.buffer, message->data(), message->size());
+    }
     if (result == TEEC_SUCCESS) {
         const auto words = uuidWords(ta);
         TEEC_Operation operation{};
@@ -21,11 +32,17 @@ TEEC_Result VaultControl::send(uint32_t command, uint32_t target, uint32_t count
                                                 TEEC_VALUE_INPUT, TEEC_VALUE_INPUT);
         operation.params[0].value = {target, count};
         operation.params[1].value = {what, origin};
+        if (message) {
+            operation.paramTypes = TEEC_PARAM_TYPES(TEEC_VALUE_INPUT, TEEC_MEMREF_PARTIAL_INPUT,
+                                                    TEEC_VALUE_INPUT, TEEC_VALUE_INPUT);
+            operation.params[1].memref = {&memory, memory.size, 0};
+        }
         operation.params[2].value = {words[0], words[1]};
         operation.params[3].value = {words[2], words[3]};
         result = TEEC_InvokeCommand(&session, command, &operation, &returnOrigin);
-        TEEC_CloseSession(&session);
     }
+    TEEC_ReleaseSharedMemory(&memory);
+    TEEC_CloseSession(&session);
     TEEC_FinalizeContext(&context);
     return result;
 }
@@ -52,6 +69,15 @@ TEEC_Result VaultControl::failAllocations(uint32_t count, TEEC_Result result,
 TEEC_Result VaultControl::stallInvocations(const TEEC_UUID& ta, uint32_t command, uint32_t count,
                                            uint32_t milliseconds) const {
     return send(kControlStallInvoke, command, count, milliseconds, 0, ta);
+}
+
+}  // namespace zel::vault
+
+namespace zel::vault {
+
+TEEC_Result VaultControl::scriptReply(const TEEC_UUID& ta, uint32_t command, uint32_t count,
+                                      const std::vector<uint8_t>& message) const {
+    return send(kControlScriptReply, command, count, 0, 0, ta, &message);
 }
 
 }  // namespace zel::vault

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace zel::vault {
 
@@ -23,10 +24,15 @@ class VaultControl {
     TEEC_Result failAllocations(uint32_t count, TEEC_Result result, uint32_t origin) const;
     TEEC_Result stallInvocations(const TEEC_UUID& ta, uint32_t command, uint32_t count,
                                  uint32_t milliseconds) const;
+    // The next invocations answer success with this message (in the codec's encoding) in the
+    // client's block instead of running the TA.
+    TEEC_Result scriptReply(const TEEC_UUID& ta, uint32_t command, uint32_t count,
+                            const std::vector<uint8_t>& message) const;
 
   private:
     TEEC_Result send(uint32_t command, uint32_t target, uint32_t count, uint32_t what,
-                     uint32_t origin, const TEEC_UUID& ta) const;
+                     uint32_t origin, const TEEC_UUID& ta,
+                     const std::vector<uint8_t>* message = nullptr) const;
     std::string socketPath_;
 };
 

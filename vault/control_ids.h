@@ -1,8 +1,9 @@
 // The control TA of the host TEE: how tests (and people at a shell) arm faults and reset state.
-// Present only when zel-vaultd runs with --control. Every command takes value parameters only:
-//   params[0] = {a: command id, b: count (0: until reset)}
-//   params[1] = {a: result, b: origin, or for kStallInvoke a: milliseconds}
-//   params[2], params[3] = the target TA's UUID as four 32-bit words (see uuidWords)
+// Present only when zel-vaultd runs with --control. Every command takes four parameters:
+//   params[0] = value {a: command id, b: count (0: until reset)}
+//   params[1] = value {a: result, b: origin}, or for kStallInvoke {a: milliseconds}, or for
+//               kScriptReply a partial input memory reference holding the reply message
+//   params[2], params[3] = values: the target TA's UUID as four 32-bit words (see uuidWords)
 #pragma once
 
 #include <tee_client_api.h>
@@ -21,6 +22,8 @@ enum ControlCommand : uint32_t {
     kControlFailOpenSession = 2,  // next sessions opened to uuid fail with (result, origin)
     kControlFailAllocation = 3,   // next shared-memory allocations fail with (result, origin)
     kControlStallInvoke = 4,      // next invocations of (uuid, command) first wait milliseconds
+    kControlScriptReply = 5,      // next invocations of (uuid, command) answer success with this
+                                  // message in the block, in the TA's place
 };
 
 inline constexpr uint32_t kControlMaxStallMs = 60000;

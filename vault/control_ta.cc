@@ -10,12 +10,15 @@ namespace {
 
 constexpr uint32_t kValueTypes =
     TEEC_PARAM_TYPES(TEEC_VALUE_INPUT, TEEC_VALUE_INPUT, TEEC_VALUE_INPUT, TEEC_VALUE_INPUT);
+constexpr uint32_t kScriptTypes = TEEC_PARAM_TYPES(TEEC_VALUE_INPUT, TEEC_MEMREF_PARTIAL_INPUT,
+                                                   TEEC_VALUE_INPUT, TEEC_VALUE_INPUT);
 
 const std::map<uint32_t, FaultPlan::Kind> kArmingCommands = {
     {kControlFailInvoke, FaultPlan::Kind::kInvoke},
     {kControlFailOpenSession, FaultPlan::Kind::kOpenSession},
     {kControlFailAllocation, FaultPlan::Kind::kAllocation},
     {kControlStallInvoke, FaultPlan::Kind::kStall},
+    {kControlScriptReply, FaultPlan::Kind::kScriptedReply},
 };
 
 TaResult invalid() {
@@ -35,13 +38,22 @@ void addControlTa(TaRegistry& registry, FaultPlan& faults, std::function<void()>
                      const auto kind = kArmingCommands.find(command);
                      if (kind == kArmingCommands.end())
                          return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TRUSTED_APP};
-                     if (op.paramTypes != kValueTypes) return invalid();
                      const auto& p = op.params;
                      const bool stall = kind->second == FaultPlan::Kind::kStall;
-                     if (stall ? p[1].a > kControlMaxStallMs : p[1].a == TEEC_SUCCESS)
-                         return invalid();
+                     const bool script = kind->second == FaultPlan::Kind::kScriptedReply;
+                     if (op.paramTypes != (script ? kScriptTypes : kValueTypes)) return invalid();
+                     FaultPlan::Injected what;
+                     if (script) {
+                         what.reply.assign(p[1].buffer, p[1].buffer + p[1].size);
+                     } else if (stall) {
+                         if (p[1].a > kControlMaxStallMs) return invalid();
+                         what.stallMs = p[1].a;
+                     } else {
+                         if (p[1].a == TEEC_SUCCESS) return invalid();  // a failure must fail
+                         what.result = p[1].a;
+                         what.origin = p[1].b;
+                     }
                      const TEEC_UUID target = uuidFromWords({p[2].a, p[2].b, p[3].a, p[3].b});
-                     FaultPlan::Injected what{p[1].a, p[1].b, stall ? p[1].a : 0};
                      faults.arm(kind->second, wire::uuidBytes(target), p[0].a, p[0].b, what);
                      return {};
                  });

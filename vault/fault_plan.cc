@@ -11,7 +11,7 @@ void FaultPlan::arm(Kind kind, const wire::UuidBytes& uuid, uint32_t command, ui
 std::optional<FaultPlan::Injected> FaultPlan::take(Kind kind, const wire::UuidBytes& uuid,
                                                    uint32_t command) {
     const bool hasUuid = kind != Kind::kAllocation;
-    const bool hasCommand = kind == Kind::kInvoke || kind == Kind::kStall;
+    const bool hasCommand = kind != Kind::kAllocation && kind != Kind::kOpenSession;
     std::lock_guard<std::mutex> guard(lock_);
     for (auto it = rules_.begin(); it != rules_.end(); ++it) {
         if (it->kind != kind || (hasUuid && it->uuid != uuid) ||

@@ -16,12 +16,13 @@ namespace zel::vault {
 
 class FaultPlan {
   public:
-    enum class Kind : uint32_t { kInvoke, kOpenSession, kAllocation, kStall };
+    enum class Kind : uint32_t { kInvoke, kOpenSession, kAllocation, kStall, kScriptedReply };
 
     struct Injected {
-        TEEC_Result result;
-        uint32_t origin;
-        uint32_t stallMs;
+        TEEC_Result result = TEEC_SUCCESS;
+        uint32_t origin = TEEC_ORIGIN_TRUSTED_APP;
+        uint32_t stallMs = 0;
+        std::vector<uint8_t> reply;  // kScriptedReply: written into the block in the TA's place
     };
 
     // count 0 arms the fault until the next reset. uuid and command are ignored where the kind

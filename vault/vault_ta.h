@@ -1,16 +1,51 @@
 // The vault TA at zel_test.
 //
 // Every command arrives as one partial in/out memory reference over the client's block, holding a
-// message in the codec's encoding. An empty message (the block as allocated: a zero end tag at
-// offset 0) asks for the TA's built-in self-test of that command id: TEEC_SUCCESS for the vault's
-// general commands and for every number the raw suites send, TEEC_ERROR_NOT_SUPPORTED for any
-// other id.
+// message in the codec's encoding; the reply is written over it. An empty message (the block as
+// allocated: a zero end tag at offset 0) asks for the TA's built-in self-test of that command id:
+// TEEC_SUCCESS for the vault's general commands and for every number the raw suites send. What
+// each command does with a request is written down in docs/vault.md.
 #pragma once
 
+#include <cstdint>
+
 #include "trusted_app.h"
+#include "vault_storage.h"
+#include "wsm_encoding.h"
 
 namespace zel::vault {
 
-void addVaultTa(TaRegistry& registry);
+class RequestFields;
+
+class VaultTa {
+public:
+    static constexpr int32_t kMaxIndex = 31;  // slots and keys 0 to 31
+    static constexpr uint32_t kMaxSlotSize = 4096;
+    static constexpr int32_t kKeyTypeEc = 5;   // RFC 5915 ECPrivateKey on P-256
+    static constexpr int32_t kKeyTypeAes = 6;  // 256-bit AES key
+
+    explicit VaultTa(VaultStorage& storage) : storage_(storage) {}
+
+    TaResult invoke(uint32_t command, TaOperation& operation);
+    TEEC_Result reset() { return storage_.clear(); }
+
+    // One per command with a request; each reads its fields and writes its reply, if any.
+    TEEC_Result put(RequestFields& in, wsm::Writer& out);
+    TEEC_Result get(RequestFields& in, wsm::Writer& out);
+    TEEC_Result erase(RequestFields& in, wsm::Writer& out);
+    TEEC_Result eraseKey(RequestFields& in, wsm::Writer& out);
+    TEEC_Result checkDataExistence(RequestFields& in, wsm::Writer& out);
+    TEEC_Result storeKey(RequestFields& in, wsm::Writer& out);
+    TEEC_Result getHash(RequestFields& in, wsm::Writer& out);
+    TEEC_Result compareData(RequestFields& in, wsm::Writer& out);
+    TEEC_Result generateKey(RequestFields& in, wsm::Writer& out);
+    TEEC_Result getSlotInfo(RequestFields& in, wsm::Writer& out);
+
+private:
+    VaultStorage& storage_;
+};
+
+// Registers the TA; vault must outlive the registry's use of it.
+void addVaultTa(TaRegistry& registry, VaultTa& vault);
 
 }  // namespace zel::vault

@@ -13,6 +13,8 @@
 #include "fault_plan.h"
 #include "server.h"
 #include "teec_wire.h"
+#include "interface/zel_ta_ids.h"
+#include "vault_storage.h"
 #include "vault_ta.h"
 
 int main(int argc, char** argv) {
@@ -21,7 +23,11 @@ int main(int argc, char** argv) {
     std::string socketPath = zel::wire::defaultSocketPath();
     bool control = false;
     int readyFd = -1;
+    std::string storagePath = ":memory:";
     app.add_option("--socket", socketPath, "Socket to listen on")->capture_default_str();
+    app.add_option("--storage", storagePath,
+                   "The vault's secure storage: an SQLite file kept across restarts")
+        ->capture_default_str();
     app.add_flag("--control", control, "Host the control TA (fault injection, reset) for tests");
     app.add_option("--ready-fd", readyFd,
                    "Write \"ready\\n\" to this descriptor and close it once listening")
@@ -42,13 +48,25 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    std::string error;
+    const auto storage = VaultStorage::open(storagePath, error);
+    if (!storage) {
+        std::cerr << "zel-vaultd: " << error << std::endl;
+        return 1;
+    }
+    VaultTa vault(*storage);
     TaRegistry registry;
     FaultPlan faults;
-    addVaultTa(registry);
-    if (control) addControlTa(registry, faults, {});
+    addVaultTa(registry, vault);
+    if (control) {
+        TrustedApp& vaultApp = *registry.find(zel::wire::uuidBytes(zel_test));
+        addControlTa(registry, faults, [&vault, &vaultApp] {
+            std::lock_guard<std::mutex> oneAtATime(vaultApp.lock);
+            vault.reset();
+        });
+    }
 
     Server server(socketPath, registry, faults);
-    std::string error;
     if (!server.listen(error)) {
         std::cerr << "zel-vaultd: " << error << std::endl;
         return 1;

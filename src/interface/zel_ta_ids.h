@@ -68,6 +68,20 @@ inline constexpr CommandId kSecureProcessorCommands[] = {
     ZEL_SECURE_PROCESSOR_COMMANDS(ZEL_COMMAND_ROW)};
 #undef ZEL_COMMAND_ROW
 
+// The ids by name: cmd::zel_put, cmd::zel_getSlotInfo, ...
+namespace cmd {
+#define ZEL_COMMAND_ENUM(id, name) name = id,
+enum : uint32_t { ZEL_GENERAL_COMMANDS(ZEL_COMMAND_ENUM) ZEL_SECURE_PROCESSOR_COMMANDS(ZEL_COMMAND_ENUM) };
+#undef ZEL_COMMAND_ENUM
+}  // namespace cmd
+
+// The method name of a general command, for its log line; null for an id that is none.
+inline const char* generalCommandName(uint32_t id) {
+    for (const CommandId& command : kGeneralCommands)
+        if (command.id == id) return command.name;
+    return nullptr;
+}
+
 // What the raw suites send to the vault TA, each with an empty request.
 inline constexpr uint32_t kLifecycleCommand = 0x00;
 inline constexpr uint32_t kProcessCommands[] = {0x04, 0x06, 0x07, 0x0B, 0x0D,

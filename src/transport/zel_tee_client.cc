@@ -60,7 +60,7 @@ void* ZELTEEClient::getSHMPtr() {
 
 TEEC_Result ZELTEEClient::InvokeCommand(unsigned int commandID) {
     // Invoking over a session that is not open is a programmer error to the TEE Client API.
-    if (!contextOpened || !sessionOpened || !memoryAllocated) return TEEC_ERROR_BAD_STATE;
+    if (!contextOpened || !sessionOpened || !memoryAllocated) return kNotConnected;
 
     TEEC_Operation operation{};
     operation.paramTypes =

@@ -19,6 +19,8 @@ class ZEL_TC_API ZELTEEClient {
   public:
     static constexpr uint32_t kSharedMemorySize = 8192;
     static constexpr uint32_t kSharedMemoryFlags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
+    // InvokeCommand's answer on a client that is not connected.
+    static constexpr TEEC_Result kNotConnected = TEEC_ERROR_BAD_STATE;
 
     ZELTEEClient();
     ~ZELTEEClient();

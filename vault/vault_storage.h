@@ -1,0 +1,62 @@
+// The vault's secure storage: data slots and keys by index, in SQLite. Every change is one
+// statement in its own transaction, committed (synchronous=FULL) before the command answers, so a
+// command that returned success survives a kill -9 of the daemon when the store is a file. The
+// default store is in memory. Not thread-safe: the vault TA runs one command at a time.
+#pragma once
+
+#include <tee_client_api.h>
+
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+namespace zel::vault {
+
+using Bytes = std::vector<uint8_t>;
+
+struct StoredKey {
+    int32_t type = 0;
+    Bytes material;
+};
+
+class VaultStorage {
+public:
+    // ":memory:" or a file path. Null with a message when the store cannot be opened or is not a
+    // vault store.
+    static std::unique_ptr<VaultStorage> open(const std::string& path, std::string& error);
+    ~VaultStorage();
+    VaultStorage(const VaultStorage&) = delete;
+    VaultStorage& operator=(const VaultStorage&) = delete;
+
+    // Reads and erasures answer TEEC_ERROR_ITEM_NOT_FOUND when there is nothing at the index.
+    TEEC_Result readSlot(int32_t index, Bytes& data);
+    TEEC_Result writeSlot(int32_t index, const Bytes& data);
+    TEEC_Result eraseSlot(int32_t index);
+    TEEC_Result readKey(int32_t index, StoredKey& key);
+    TEEC_Result writeKey(int32_t index, const StoredKey& key);
+    TEEC_Result eraseKey(int32_t index);
+    TEEC_Result clear();
+
+private:
+    // A statement parameter or result column: an integer or a blob.
+    struct Value {
+        int64_t integer = 0;
+        Bytes blob;
+    };
+    enum class Expect { kNothing, kRow, kChange };
+
+    explicit VaultStorage(sqlite3* db) : db_(db) {}
+    TEEC_Result exec(const char* sql, std::initializer_list<Value> parameters, Expect expect,
+                     std::vector<Value>* row = nullptr);
+
+    sqlite3* db_;
+};
+
+// The one place where an SQLite result becomes a GP result.
+TEEC_Result resultFromSqlite(int code);
+
+}  // namespace zel::vault
