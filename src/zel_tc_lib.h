@@ -3,6 +3,9 @@
 
 #include "interface/ca_zel_interface.h"
 #include "interface/zel_ta_ids.h"
+#include "managers/ca_manager.h"
 #include "suites/entry_points.h"
 #include "suites/ze_test.h"
+#include "support/byte_helpers.h"
+#include "support/data_place_holder.h"
 #include "transport/zel_tee_client.h"

@@ -69,8 +69,9 @@ int32_t CaZelInterface::zel_getSlotInfo(int index, unsigned char* status, unsign
     // The reads are not checked: whatever the TA wrote, the command has succeeded.
     int reported = 0;
     unsigned int size = 0;
-    call.reply().GetInt(&reported);
-    call.reply().GetUint(&size);
+    CQeruWsm& reply = call.reply();
+    reply.GetInt(&reported);
+    reply.GetUint(&size);
     *status = static_cast<unsigned char>(reported & 0xFF);
     *dataSize = size;
     return 0;

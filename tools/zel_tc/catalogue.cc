@@ -2,21 +2,66 @@
 
 #include <cstdlib>
 
+#include "managers/ca_manager.h"
 #include "zel_tc_lib.h"
 
 namespace zel::tc {
 
 namespace {
 
-int32_t runZeTest(int selector) {
+int32_t runZeTest(const StepInput& input) {
     ZETest test;
-    test.SetCMD(selector);
+    test.SetCMD(input.argument);
     return test.SendCMD();
 }
 
-int32_t runTestLifetime(int) {
+int32_t runTestLifetime(const StepInput&) {
     return test_lifetime();
 }
+
+int32_t runScenario(const StepInput& input) {
+    CaManager manager(input.dataType, input.argument, input.uuid, input.index);
+    return manager.SendDataToZel();
+}
+
+// A general scenario: its number is its command number, which is also what it is run with.
+constexpr CatalogueEntry scenario(uint32_t command, const char* name, const char* title,
+                                  int dataType = 1, int index = 3) {
+    return {
+        command,  name, title, runScenario, static_cast<int>(command), static_cast<int>(command),
+        dataType, index};
+}
+
+// The plan, in order: a row names a step and the test data and slot it runs with.
+struct PlanRow {
+    const char* name;
+    int dataType;
+    int index;
+};
+
+constexpr int kDataSlot = 3;
+constexpr int kEcKeySlot = 3;
+constexpr int kAesKeySlot = 4;
+constexpr int kGeneratedKeySlot = 5;
+
+constexpr PlanRow kPlan[] = {
+    {"lifecycle", 0, 0},
+    {"heavyload", 0, 0},
+    {"process", 0, 0},
+    {"bist", 0, 0},
+    {"test_lifetime", 0, 0},
+    {"zel_openSession", 1, kDataSlot},
+    {"zel_put", 1, kDataSlot},
+    {"zel_get", 1, kDataSlot},
+    {"zel_getSlotInfo", 1, kDataSlot},
+    {"zel_getHash", 1, kDataSlot},
+    {"zel_checkDataExistence", 1, kDataSlot},
+    {"zel_storeKey", 1, kEcKeySlot},
+    {"zel_storeKey", 2, kAesKeySlot},
+    {"zel_generateKey", 1, kGeneratedKeySlot},
+    {"zel_deleteKey", 1, kGeneratedKeySlot},
+    {"zel_delete", 1, kDataSlot},
+};
 
 bool parseNumber(const std::string& word, long& value) {
     if (word.empty()) return false;
@@ -25,15 +70,28 @@ bool parseNumber(const std::string& word, long& value) {
     return *end == '\0';
 }
 
-Step makeStep(const CatalogueEntry& entry, int argument) {
+Step makeStep(const CatalogueEntry& entry, int argument, const Overrides& overrides) {
     std::string name = entry.name;
     if (entry.takesArgument()) name += " " + std::to_string(argument);
-    return {entry.number, name, entry.title, entry.run, argument};
+    StepInput input{argument, overrides.dataType.value_or(entry.dataType),
+                    overrides.index.value_or(entry.index), overrides.uuid.value_or(zel_test)};
+    return {&entry, name, input};
 }
 
-void addAll(const CatalogueEntry& entry, std::vector<Step>& steps) {
+void addAll(const CatalogueEntry& entry, const Overrides& overrides, std::vector<Step>& steps) {
     for (int argument = entry.firstArgument; argument <= entry.lastArgument; ++argument)
-        steps.push_back(makeStep(entry, argument));
+        steps.push_back(makeStep(entry, argument, overrides));
+}
+
+const CatalogueEntry* find(const std::string& word) {
+    long number = -1;
+    const bool numeric = parseNumber(word, number);
+    for (const CatalogueEntry& entry : catalogue()) {
+        const std::string name = entry.name;
+        if (word == name || "zel_" + word == name || (numeric && number == entry.number))
+            return &entry;
+    }
+    return nullptr;
 }
 
 }  // namespace
@@ -42,38 +100,51 @@ const std::vector<CatalogueEntry>& catalogue() {
     // The raw suites' selectors are ZETest's: 0 lifecycle, 1 heavy load, 2 process, 3-17 BIST.
     static const std::vector<CatalogueEntry> entries = {
         {501, "lifecycle", "command 0 up to 1000 times over one session, stops at the 5th failure",
-         runZeTest, 0, 0},
+         runZeTest, 0, 0, 0, 0},
         {502, "heavyload", "ten commands over one session, result is the failure mask", runZeTest,
-         1, 1},
+         1, 1, 0, 0},
         {503, "process", "nine commands over one session, result is the failure mask", runZeTest, 2,
-         2},
+         2, 0, 0},
         {504, "bist", "built-in self-test of one command, sent with an empty request", runZeTest,
-         kFirstBistCommand, kLastBistCommand},
+         kFirstBistCommand, kLastBistCommand, 0, 0},
         {505, "test_lifetime", "exported entry point: command 0 once over a fresh session",
-         runTestLifetime, 0, 0},
+         runTestLifetime, 0, 0, 0, 0},
+        scenario(cmd::zel_put, "zel_put", "store 241 bytes of test data in slot --index"),
+        scenario(cmd::zel_get, "zel_get", "read slot --index back"),
+        scenario(cmd::zel_delete, "zel_delete", "delete slot --index"),
+        scenario(cmd::zel_deleteKey, "zel_deleteKey", "delete the key at --index"),
+        scenario(cmd::zel_checkDataExistence, "zel_checkDataExistence",
+                 "check that slot --index holds data"),
+        scenario(cmd::zel_storeKey, "zel_storeKey",
+                 "import a key at --index: EC P-256 (data type 1), AES-256 (2), random (0)"),
+        scenario(cmd::zel_getHash, "zel_getHash", "SHA-256 of slot --index"),
+        scenario(cmd::zel_openSession, "zel_openSession", "open a vault session, no request"),
+        scenario(cmd::zel_generateKey, "zel_generateKey", "generate an EC P-256 key at --index"),
+        scenario(cmd::zel_getSlotInfo, "zel_getSlotInfo", "what slot and key --index hold"),
     };
     return entries;
 }
 
-bool selectSteps(const std::vector<std::string>& words, std::vector<Step>& steps,
-                 std::string& error) {
+bool selectSteps(const std::vector<std::string>& words, const Overrides& overrides,
+                 std::vector<Step>& steps, std::string& error) {
     if (words.empty()) {
-        for (const CatalogueEntry& entry : catalogue()) addAll(entry, steps);
+        for (const PlanRow& row : kPlan) {
+            Overrides planned = overrides;
+            planned.dataType = overrides.dataType.value_or(row.dataType);
+            planned.index = overrides.index.value_or(row.index);
+            addAll(*find(row.name), planned, steps);
+        }
         return true;
     }
     for (size_t i = 0; i < words.size(); ++i) {
-        long number = -1;
-        const bool numeric = parseNumber(words[i], number);
-        const CatalogueEntry* found = nullptr;
-        for (const CatalogueEntry& entry : catalogue())
-            if (words[i] == entry.name || (numeric && number == entry.number)) found = &entry;
+        const CatalogueEntry* found = find(words[i]);
         if (!found) {
             error = "no step is named '" + words[i] + "' (zel-tc list shows them)";
             return false;
         }
         long argument = 0;
         if (!found->takesArgument()) {
-            steps.push_back(makeStep(*found, found->firstArgument));
+            steps.push_back(makeStep(*found, found->firstArgument, overrides));
         } else if (i + 1 < words.size() && parseNumber(words[i + 1], argument)) {
             ++i;
             if (argument < found->firstArgument || argument > found->lastArgument) {
@@ -82,9 +153,9 @@ bool selectSteps(const std::vector<std::string>& words, std::vector<Step>& steps
                         std::to_string(found->lastArgument) + ", not " + words[i];
                 return false;
             }
-            steps.push_back(makeStep(*found, static_cast<int>(argument)));
+            steps.push_back(makeStep(*found, static_cast<int>(argument), overrides));
         } else {
-            addAll(*found, steps);
+            addAll(*found, overrides, steps);
         }
     }
     return true;

@@ -1,36 +1,56 @@
 // Every step zel-tc can run, each with a stable number, a name and a one-line title, registered
-// once in a table; and the plan, the steps in the order that makes each meaningful.
+// once in a table; and the plan: the steps in the order that makes each meaningful (a slot is put
+// before it is read, a key stored before it is used, deletions last).
 #pragma once
 
+#include <tee_client_api.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace zel::tc {
 
-struct Step {
-    uint32_t number;
-    std::string name;  // "process", "bist 7"
-    std::string title;
-    int32_t (*run)(int argument);
-    int argument;
+// What a step is run with: the raw suites' selector, or a scenario manager's arguments.
+struct StepInput {
+    int argument = 0;
+    int dataType = 0;
+    int index = 0;
+    TEEC_UUID uuid{};
 };
 
 struct CatalogueEntry {
     uint32_t number;
     const char* name;
     const char* title;
-    int32_t (*run)(int argument);
+    int32_t (*run)(const StepInput& input);
     int firstArgument;  // a step that takes a number: the range it accepts, all of it in the plan
     int lastArgument;   // equal to firstArgument for a step without one
+    int dataType;       // a scenario's default test data and slot
+    int index;
     bool takesArgument() const { return firstArgument != lastArgument; }
+};
+
+struct Step {
+    const CatalogueEntry* entry;
+    std::string name;  // "process", "bist 7", "zel_put"
+    StepInput input;
+};
+
+// Values given on the command line; each replaces the steps' defaults.
+struct Overrides {
+    std::optional<int> dataType;
+    std::optional<int> index;
+    std::optional<TEEC_UUID> uuid;
 };
 
 const std::vector<CatalogueEntry>& catalogue();
 
-// The steps named by words such as "process", "503", "bist 7" or "bist" (every BIST number); no
-// words at all is the whole plan. False with a message for a word that names nothing.
-bool selectSteps(const std::vector<std::string>& words, std::vector<Step>& steps,
-                 std::string& error);
+// The steps named by words such as "process", "503", "bist 7", "bist" (every BIST number),
+// "zel_put", "put" or "0"; no words at all is the whole plan. False with a message for a word
+// that names nothing.
+bool selectSteps(const std::vector<std::string>& words, const Overrides& overrides,
+                 std::vector<Step>& steps, std::string& error);
 
 }  // namespace zel::tc

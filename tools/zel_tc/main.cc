@@ -13,6 +13,7 @@
 #include "catalogue.h"
 #include "daemon_launcher.h"
 #include "tee_names.h"
+#include "uuid_arg.h"
 #include "vault_commands.h"
 
 namespace {
@@ -37,11 +38,11 @@ void listSteps() {
 int runSteps(const std::vector<zel::tc::Step>& steps) {
     int passed = 0, failed = 0;
     for (const zel::tc::Step& step : steps) {
-        const int32_t result = step.run(step.argument);
+        const int32_t result = step.entry->run(step.input);
         const bool pass = result == 0;
         (pass ? passed : failed)++;
-        say(std::string(pass ? "PASS " : "FAIL ") + std::to_string(step.number) + " " + step.name +
-            " result " + zel::tc::describeResult(static_cast<uint32_t>(result)));
+        say(std::string(pass ? "PASS " : "FAIL ") + std::to_string(step.entry->number) + " " +
+            step.name + " result " + zel::tc::describeResult(static_cast<uint32_t>(result)));
     }
     std::ostringstream summary;
     summary << passed << " passed, " << failed << " failed";
@@ -61,17 +62,31 @@ int main(int argc, char** argv) {
     auto* run = app.add_subcommand(
         "run", "Run steps by name or number (\"bist 7\", 503); none named runs the whole plan");
     std::vector<std::string> words;
-    std::string socket, vaultd;
+    std::string socket, vaultd, uuidText;
+    zel::tc::Overrides overrides;
     run->add_option("steps", words, "Step names or numbers");
     run->add_option("--socket", socket,
                     "Use the TEE daemon already listening here instead of starting one");
     run->add_option("--vaultd", vaultd, "The zel-vaultd to start (default: beside zel-tc)");
+    run->add_option("--data-type", overrides.dataType,
+                    "Test data of the scenarios: 0 random, 1 or 2 a fixed vector set");
+    run->add_option("--index", overrides.index, "Slot or key index of the scenarios");
+    run->add_option("--uuid", uuidText, "TA of the scenarios: zel_test, zel_test_a or a UUID");
 
     int exitCode = 0;
     run->callback([&] {
         std::vector<zel::tc::Step> steps;
         std::string error;
-        if (!zel::tc::selectSteps(words, steps, error)) {
+        TEEC_UUID uuid{};
+        if (!uuidText.empty()) {
+            if (!zel::tc::parseUuid(uuidText, uuid)) {
+                say("cannot read --uuid " + uuidText);
+                exitCode = kExitUsage;
+                return;
+            }
+            overrides.uuid = uuid;
+        }
+        if (!zel::tc::selectSteps(words, overrides, steps, error)) {
             say(error);
             exitCode = kExitUsage;
             return;

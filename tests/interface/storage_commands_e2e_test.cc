@@ -1,0 +1,211 @@
+// The storage and key commands end to end against zel-vaultd: results, lines and handed-out
+// buffers, with replies and failures scripted through the control TA where the vault itself
+// would not produce them.
+#include <gtest/gtest.h>
+
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "output_capture.h"
+#include "vault_fixture.h"
+#include "wsm_encoding.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
+constexpr int32_t kNoData = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
+
+int32_t asResult(TEEC_Result result) {
+    return static_cast<int32_t>(result);
+}
+
+Bytes pattern(size_t size, uint8_t seed) {
+    Bytes bytes(size);
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i * 13);
+    return bytes;
+}
+
+Bytes opensslSha256(const Bytes& data) {
+    Bytes digest(32);
+    unsigned int length = 0;
+    EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_sha256(), nullptr);
+    return digest;
+}
+
+Bytes opensslEcKey() {
+    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    Bytes der(static_cast<size_t>(i2d_PrivateKey(key.get(), nullptr)));
+    unsigned char* cursor = der.data();
+    i2d_PrivateKey(key.get(), &cursor);
+    return der;
+}
+
+// A reply message in the codec's encoding, for the control TA to put in the vault's place.
+class Message {
+  public:
+    Message& i(int32_t value) { return writer_.putInt(value), *this; }
+    Message& u(uint32_t value) { return writer_.putUint(value), *this; }
+    Message& blob(const Bytes& data) {
+        writer_.put(zel::wsm::kBlob, data.data(), static_cast<uint32_t>(data.size()));
+        return *this;
+    }
+    Bytes bytes() const { return Bytes(block_.begin(), block_.begin() + writer_.position() + 4); }
+
+  private:
+    Bytes block_ = Bytes(512);
+    zel::wsm::Writer writer_{block_.data(), 512};
+};
+
+class StorageCommandsTest : public VaultFixture {
+  protected:
+    CaZelInterface vault{zel_test};
+    OutputCapture output;  // the commands' lines, checked where they matter
+};
+
+TEST_F(StorageCommandsTest, SlotRoundTripWithHashInfoExistenceAndDeletion) {
+    const Bytes data = pattern(241, 1);
+    ASSERT_EQ(vault.zel_put(3, data.data(), 241), 0);
+
+    unsigned char* first = nullptr;
+    unsigned char* second = nullptr;
+    unsigned int size = 0;
+    ASSERT_EQ(vault.zel_get(3, &first, &size), 0);
+    ASSERT_EQ(size, 241u);
+    EXPECT_EQ(Bytes(first, first + size), data);
+    ASSERT_EQ(vault.zel_get(3, &second, &size), 0);
+    EXPECT_NE(first, second);  // every call hands out a buffer of its own
+    std::free(first);
+    std::free(second);
+
+    unsigned char* hash = nullptr;
+    unsigned int hashSize = 0;
+    ASSERT_EQ(vault.zel_getHash(3, 0, &hash, &hashSize), 0);
+    EXPECT_EQ(Bytes(hash, hash + hashSize), opensslSha256(data));
+    std::free(hash);
+    EXPECT_EQ(vault.zel_getHash(3, 1, &hash, &hashSize), kGeneric);  // a reply command failed
+
+    unsigned char status = 0xEE;
+    unsigned int slotSize = 0;
+    ASSERT_EQ(vault.zel_getSlotInfo(3, &status, &slotSize), 0);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(slotSize, 241u);
+
+    EXPECT_EQ(vault.zel_checkDataExistence(3, 0), 0);
+    EXPECT_EQ(vault.zel_checkDataExistence(3, 1), asResult(TEEC_ERROR_ITEM_NOT_FOUND));
+    EXPECT_EQ(vault.zel_delete(3), 0);
+    EXPECT_EQ(vault.zel_delete(3), asResult(TEEC_ERROR_ITEM_NOT_FOUND));  // the TEE's own code
+    unsigned char* gone = nullptr;
+    EXPECT_EQ(vault.zel_get(3, &gone, &size), kGeneric);
+    EXPECT_EQ(gone, nullptr);
+    EXPECT_EQ(output.lines().back(),
+              "TEEC_InvokeCommand() failed for cmd = 2, result = 4294901768, retOrigin = 4");
+}
+
+TEST_F(StorageCommandsTest, KeysAreStoredComparedGeneratedAndDeleted) {
+    const Bytes aes = pattern(32, 9);
+    ASSERT_EQ(vault.zel_storeKey(4, 6, const_cast<uint8_t*>(aes.data()), 32), 0);
+    Bytes same = aes, other = pattern(32, 10);
+    EXPECT_EQ(vault.zel_compareData(4, same.data(), 32), 0);
+    EXPECT_EQ(vault.zel_compareData(4, other.data(), 32), asResult(TEEC_ERROR_SECURITY));
+    // No empty-input check here: the request goes out and the TA refuses it.
+    EXPECT_EQ(vault.zel_compareData(4, same.data(), 0), asResult(TEEC_ERROR_BAD_PARAMETERS));
+
+    Bytes ec = opensslEcKey();
+    EXPECT_EQ(vault.zel_storeKey(5, 5, ec.data(), static_cast<unsigned int>(ec.size())), 0);
+    Bytes notAKey = pattern(121, 3);
+    EXPECT_EQ(vault.zel_storeKey(6, 5, notAKey.data(), 121), asResult(TEEC_ERROR_BAD_FORMAT));
+    EXPECT_EQ(vault.zel_storeKey(6, 6, notAKey.data(), 31), asResult(TEEC_ERROR_BAD_PARAMETERS));
+    EXPECT_EQ(vault.zel_storeKey(6, 9, same.data(), 32), asResult(TEEC_ERROR_NOT_SUPPORTED));
+    EXPECT_EQ(vault.zel_checkDataExistence(6, 1), asResult(TEEC_ERROR_ITEM_NOT_FOUND));
+
+    EXPECT_EQ(vault.zel_generateKey(7, 2), 0);
+    EXPECT_EQ(vault.zel_generateKey(7, 3), asResult(TEEC_ERROR_BAD_PARAMETERS));
+    unsigned char status = 0;
+    unsigned int size = 99;
+    ASSERT_EQ(vault.zel_getSlotInfo(7, &status, &size), 0);
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(size, 0u);
+
+    EXPECT_EQ(vault.zel_deleteKey(4), 0);
+    EXPECT_EQ(vault.zel_deleteKey(4), asResult(TEEC_ERROR_ITEM_NOT_FOUND));
+    EXPECT_EQ(vault.zel_compareData(4, same.data(), 32), asResult(TEEC_ERROR_ITEM_NOT_FOUND));
+    EXPECT_EQ(vault.zel_delete(32), asResult(TEEC_ERROR_BAD_PARAMETERS));
+    EXPECT_EQ(vault.zel_put(-1, same.data(), 32), asResult(TEEC_ERROR_BAD_PARAMETERS));
+    EXPECT_EQ(vault.zel_openSession(), 0);
+}
+
+TEST_F(StorageCommandsTest, EmptyInputsAreRefusedBeforeAnySession) {
+    ASSERT_EQ(control.failOpenSession(zel_test, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE), TEEC_SUCCESS);
+    unsigned char byte = 1;
+    EXPECT_EQ(vault.zel_put(3, nullptr, 5), -13);
+    EXPECT_EQ(vault.zel_put(3, &byte, 0), -13);
+    EXPECT_EQ(vault.zel_storeKey(3, 6, &byte, 0), -13);
+    EXPECT_EQ(output.lines(),
+              (Lines{"CA Interface: zel_put", "Empty parameters", "CA Interface: zel_put",
+                     "Empty parameters", "CA Interface: zel_storeKey", "Empty parameters"}));
+}
+
+TEST_F(StorageCommandsTest, RequestLargerThanTheBlockIsNotSent) {
+    const Bytes big = pattern(9000, 2);
+    EXPECT_EQ(vault.zel_put(3, big.data(), 9000), kNoData);
+    EXPECT_EQ(vault.zel_checkDataExistence(3, 0), asResult(TEEC_ERROR_ITEM_NOT_FOUND));
+    const Lines lines = output.lines();
+    EXPECT_EQ(Lines(lines.begin(), lines.begin() + 3),
+              (Lines{"CA Interface: zel_put", "TEE connection has been set", "WSM error"}));
+}
+
+TEST_F(StorageCommandsTest, RepliesWithoutDataAreReportedAndHandOutNothing) {
+    ASSERT_EQ(control.scriptReply(zel_test, 0x02, 1, Message().u(0).blob({}).bytes()),
+              TEEC_SUCCESS);
+    unsigned char sentinel = 0;
+    unsigned char* data = &sentinel;
+    unsigned int size = 77;
+    EXPECT_EQ(vault.zel_get(3, &data, &size), kNoData);
+    EXPECT_EQ(data, &sentinel);
+    EXPECT_EQ(size, 0u);
+
+    // A length with no blob behind it.
+    ASSERT_EQ(control.scriptReply(zel_test, 0x0c, 1, Message().u(32).bytes()), TEEC_SUCCESS);
+    unsigned char* hash = nullptr;
+    EXPECT_EQ(vault.zel_getHash(3, 0, &hash, &size), kNoData);
+    EXPECT_EQ(hash, nullptr);
+
+    ASSERT_EQ(control.scriptReply(zel_test, 0x2d, 1, Message().i(0x1FF).u(241).bytes()),
+              TEEC_SUCCESS);
+    unsigned char status = 0;
+    ASSERT_EQ(vault.zel_getSlotInfo(3, &status, &size), 0);
+    EXPECT_EQ(status, 0xFF);
+    EXPECT_EQ(size, 241u);
+
+    const Lines lines = output.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "Data null from TA"), 2);
+}
+
+TEST_F(StorageCommandsTest, FailedInvocationsGiveGenericForReplyCommandsAndTheTeeCodeOtherwise) {
+    ASSERT_EQ(control.failInvocations(zel_test, 0x02, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    ASSERT_EQ(control.failInvocations(zel_test, 0x03, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    ASSERT_EQ(control.failInvocations(zel_test, 0x2d, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    unsigned char* data = nullptr;
+    unsigned int size = 0;
+    unsigned char status = 0;
+    EXPECT_EQ(vault.zel_get(3, &data, &size), kGeneric);
+    EXPECT_EQ(vault.zel_delete(3), asResult(TEEC_ERROR_BUSY));
+    EXPECT_EQ(vault.zel_getSlotInfo(3, &status, &size), kGeneric);
+
+    daemon.reset();  // no TEE at all: the open failure is the result, nothing is written
+    EXPECT_NE(vault.zel_openSession(), 0);
+    const Lines lines = output.lines();
+    EXPECT_EQ(lines.back(), "Failed to initialize TEE context, result = 4294901768");
+}
+
+}  // namespace

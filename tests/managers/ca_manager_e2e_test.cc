@@ -1,0 +1,125 @@
+// The general scenario manager's storage and key scenarios, transcript by transcript, against
+// zel-vaultd.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "output_capture.h"
+#include "support/test_vectors.h"
+#include "vault_fixture.h"
+#include "wsm_encoding.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+class CaManagerTest : public VaultFixture {
+  protected:
+    int32_t run(int dataType, int command, int index, Lines& lines) {
+        OutputCapture output;
+        CaManager manager(dataType, command, zel_test, index);
+        const int32_t result = manager.SendDataToZel();
+        lines = output.lines();
+        return result;
+    }
+};
+
+TEST_F(CaManagerTest, PutWithTheFirstVectorSetThenReadItBack) {
+    OutputCapture output;
+    CaManager manager(1, 0, zel_test, 3);
+    EXPECT_EQ(manager.SendDataToZel(), 0);
+    manager.SetCMD(2);
+    EXPECT_EQ(manager.SendDataToZel(), 0);
+    const std::string data = lower(zel::vectors::kPutData);
+    ASSERT_EQ(data.size(), 482u);
+    EXPECT_EQ(output.lines(),
+              (Lines{"CA Manager created", "CA Manager SendDataToZel: 0", "CaManager zel_put",
+                     "index: 3", "uDataSize: 241", "pDataBuffer: " + data, "CA Interface: zel_put",
+                     "TEE connection has been set", "CA Manager SendDataToZel: 2",
+                     "CaManager zel_get", "index: 3", "CA Interface: zel_get",
+                     "TEE connection has been set", "uDataSize: 241", "pDataBuffer: " + data}));
+}
+
+TEST_F(CaManagerTest, UnknownDataTypeAndCommandNumbersSendNothing) {
+    ASSERT_EQ(control.failOpenSession(zel_test, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE), TEEC_SUCCESS);
+    Lines lines;
+    EXPECT_EQ(run(7, 0, 3, lines), kGeneric);
+    EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 0",
+                            "CaManager zel_put", "Unknown data type"}));
+    for (int command : {1, 5, 13, 46, -1}) {
+        EXPECT_EQ(run(1, command, 3, lines), kGeneric);
+        EXPECT_EQ(lines, (Lines{"CA Manager created",
+                                "CA Manager SendDataToZel: " + std::to_string(command),
+                                "SendDataToZel unknown command"}));
+    }
+}
+
+TEST_F(CaManagerTest, GetOnAnEmptySlotPrintsNoData) {
+    Lines lines;
+    EXPECT_EQ(run(1, 2, 9, lines), kGeneric);  // the vault answers ITEM_NOT_FOUND
+    EXPECT_EQ(lines,
+              (Lines{"CA Manager created", "CA Manager SendDataToZel: 2", "CaManager zel_get",
+                     "index: 9", "CA Interface: zel_get", "TEE connection has been set",
+                     "TEEC_InvokeCommand() failed for cmd = 2, result = 4294901768, "
+                     "retOrigin = 4"}));
+
+    // A TA that answers with an empty slot instead.
+    std::vector<uint8_t> block(64);
+    zel::wsm::Writer reply(block.data(), 64);
+    reply.putUint(0);
+    reply.put(zel::wsm::kBlob, nullptr, 0);
+    block.resize(reply.position() + 4);
+    ASSERT_EQ(control.scriptReply(zel_test, 0x02, 1, block), TEEC_SUCCESS);
+    EXPECT_EQ(run(1, 2, 9, lines), static_cast<int32_t>(TEEC_ERROR_NO_DATA));
+    EXPECT_EQ(lines.back(), "Data null from TA");
+}
+
+TEST_F(CaManagerTest, SlotInfoHashAndExistenceOfAStoredSlot) {
+    Lines lines;
+    ASSERT_EQ(run(1, 0, 3, lines), 0);
+    EXPECT_EQ(run(1, 45, 3, lines), 0);
+    EXPECT_EQ(Lines(lines.end() - 2, lines.end()), (Lines{"dataSize: 241", "status: 01"}));
+    EXPECT_EQ(run(1, 12, 3, lines), 0);
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 5),
+              (Lines{"CaManager zel_getHASH", "index: 3", "type: 0"}));
+    EXPECT_EQ(lines[lines.size() - 2], "hashSize: 32");
+    EXPECT_EQ(lines.back().size(), std::string("hash: ").size() + 64);
+    EXPECT_EQ(run(1, 6, 3, lines), 0);
+    EXPECT_EQ(run(1, 3, 3, lines), 0);
+    EXPECT_EQ(run(1, 6, 3, lines), static_cast<int32_t>(TEEC_ERROR_ITEM_NOT_FOUND));
+}
+
+TEST_F(CaManagerTest, StoreKeyPrintsTheKeyItSends) {
+    Lines lines;
+    EXPECT_EQ(run(2, 7, 4, lines), 0);
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 7),
+              (Lines{"CaManager zel_storeKey", "index: 4", "keytype: 6", "fkpKeySize: 32",
+                     "pDataBuffer: " + lower(zel::vectors::kAesKey)}));
+    EXPECT_EQ(run(1, 7, 3, lines), 0);
+    EXPECT_EQ(lines[4], "keytype: 5");
+    EXPECT_EQ(lines[5], "fkpKeySize: 121");
+    // Random bytes keep the presets and are no EC key to the vault.
+    EXPECT_EQ(run(0, 7, 3, lines), static_cast<int32_t>(TEEC_ERROR_BAD_FORMAT));
+    EXPECT_EQ(lines[3], "Data successfully generated");
+    EXPECT_EQ(lines[5], "keytype: 5");
+    EXPECT_EQ(lines[6], "fkpKeySize: 121");
+
+    EXPECT_EQ(run(1, 38, 5, lines), 0);
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 5),
+              (Lines{"CaManager zel_generateKey", "index: 5", "key_opt: 2"}));
+    EXPECT_EQ(run(1, 4, 5, lines), 0);
+    EXPECT_EQ(run(1, 27, 0, lines), 0);
+    EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 27",
+                            "CaManager zel_openSession", "CA Interface: zel_openSession",
+                            "TEE connection has been set"}));
+}
+
+}  // namespace

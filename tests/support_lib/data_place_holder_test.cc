@@ -1,0 +1,341 @@
+// The test vector store: which data type gives which bytes, what a small buffer or a wrong type
+// leaves behind, and, checked with OpenSSL alone, that the vectors are the keys, ciphertexts and
+// structures they claim to be.
+#include <gtest/gtest.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/opensslv.h>
+#include <openssl/x509.h>
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+#include <openssl/core_names.h>
+#endif
+
+#include <cctype>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "output_capture.h"
+#include "support/data_place_holder.h"
+#include "support/test_vectors.h"
+
+namespace {
+
+namespace v = zel::vectors;
+using Bytes = std::vector<unsigned char>;
+
+template <auto Release>
+struct Releaser {
+    template <typename T>
+    void operator()(T* p) const {
+        Release(p);
+    }
+};
+using PkeyPtr = std::unique_ptr<EVP_PKEY, Releaser<EVP_PKEY_free>>;
+using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Releaser<EVP_PKEY_CTX_free>>;
+using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, Releaser<EVP_CIPHER_CTX_free>>;
+using BignumPtr = std::unique_ptr<BIGNUM, Releaser<BN_free>>;
+
+constexpr unsigned char kUnwritten = 0xEE;
+
+// OpenSSL's decoder, so that the expected bytes do not come through the code under test.
+Bytes decodeHex(const char* text) {
+    long length = 0;
+    unsigned char* bytes = OPENSSL_hexstr2buf(text, &length);
+    Bytes out(bytes, bytes + (bytes ? length : 0));
+    OPENSSL_free(bytes);
+    return out;
+}
+
+std::optional<Bytes> aes256CbcDecrypt(const Bytes& key, const Bytes& iv, const Bytes& body) {
+    CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+    Bytes out(body.size() + 16);
+    int head = 0, tail = 0;
+    if (key.size() != 32 || iv.size() != 16 || !ctx ||
+        EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data()) != 1 ||
+        EVP_DecryptUpdate(ctx.get(), out.data(), &head, body.data(),
+                          static_cast<int>(body.size())) != 1 ||
+        EVP_DecryptFinal_ex(ctx.get(), out.data() + head, &tail) != 1)
+        return std::nullopt;
+    out.resize(static_cast<size_t>(head + tail));
+    return out;
+}
+
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+std::string groupName(EVP_PKEY* key) {
+    char name[64] = {};
+    size_t length = 0;
+    EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, name, sizeof name, &length);
+    return name;
+}
+#endif
+
+using OneBufferFill = TEEC_Result (*)(int32_t, unsigned char*, unsigned int);
+const struct {
+    const char* name;
+    OneBufferFill fill;
+    int32_t dataType;
+    const char* vector;
+    size_t length;
+} kOneBufferFills[] = {
+    {"put", DataPlaceHolder::fill_zel_put, 1, v::kPutData, 241},
+    {"compareData", DataPlaceHolder::fill_zel_compareData, 2, v::kAesKey, 32},
+    {"cmac", DataPlaceHolder::fill_zel_getCMACwithHubToken, 1, v::kCmacMessage, 32},
+    {"genAuthKey", DataPlaceHolder::fill_zel_genAuthKey, 1, v::kCloudEcPublicKey, 91},
+    {"ecdsa", DataPlaceHolder::fill_zel_ecdsaCreateSignature, 1, v::kEcdsaMessage, 32},
+    {"decryptByKey", DataPlaceHolder::fill_zel_decryptByKey, 1, v::kDecryptByKeyInput, 146},
+};
+
+TEST(DataPlaceHolder, OneBufferFillsWriteTheirVectorWholeOrNotAtAll) {
+    OutputCapture output;
+    for (const auto& c : kOneBufferFills) {
+        const auto length = static_cast<unsigned int>(c.length);
+        Bytes buffer(length + 1, kUnwritten);
+        EXPECT_EQ(c.fill(c.dataType, buffer.data(), length + 1), TEEC_SUCCESS) << c.name;
+        buffer.pop_back();
+        EXPECT_EQ(buffer, decodeHex(c.vector)) << c.name;  // the whole vector and nothing more
+
+        buffer.assign(length, kUnwritten);
+        EXPECT_EQ(c.fill(c.dataType, buffer.data(), length - 1), TEEC_ERROR_GENERIC) << c.name;
+        EXPECT_EQ(buffer, Bytes(length, kUnwritten)) << c.name;
+    }
+    EXPECT_EQ(output.lines(), Lines{});
+}
+
+TEST(DataPlaceHolder, RandomDataFillsEachBufferToExactlyItsSize) {
+    Bytes a(11, kUnwritten), b(17, kUnwritten), c(5, kUnwritten);
+    OutputCapture output;
+    EXPECT_EQ(DataPlaceHolder::fill_zel_put(0, a.data(), 10), TEEC_SUCCESS);
+    EXPECT_EQ(DataPlaceHolder::fill_zel_aesEncrypt(0, a.data(), 10, b.data(), 16), TEEC_SUCCESS);
+    EXPECT_EQ(DataPlaceHolder::fill_zel_decryptHubToken(0, a.data(), 10, b.data(), 16, c.data(), 4),
+              TEEC_SUCCESS);
+    EXPECT_EQ(output.lines(), Lines(6, "Data successfully generated"));
+    EXPECT_EQ(a[10], kUnwritten);
+    EXPECT_EQ(b[16], kUnwritten);
+    EXPECT_EQ(c[4], kUnwritten);
+}
+
+TEST(DataPlaceHolder, DataTypesAFunctionDoesNotAcceptAreRejected) {
+    Bytes a(600, kUnwritten), b(600, kUnwritten);
+    int keyType = -7;
+    unsigned int size = 600;
+    OutputCapture output;
+    const TEEC_Result results[] = {
+        DataPlaceHolder::fill_zel_put(2, a.data(), 600),
+        DataPlaceHolder::fill_zel_put(-1, a.data(), 600),
+        DataPlaceHolder::fill_zel_compareData(1, a.data(), 600),
+        DataPlaceHolder::fill_zel_compareData(0, a.data(), 600),
+        DataPlaceHolder::fill_zel_aesEncrypt(1, a.data(), 600, b.data(), 600),
+        DataPlaceHolder::fill_zel_storeKey(3, &keyType, a.data(), &size),
+        DataPlaceHolder::fill_zel_publicKey(0, a.data(), 600),
+        DataPlaceHolder::fill_zel_enc_dec_tc_scenario(1, 1, a.data(), 600, b.data(), 600, a.data(),
+                                                      600, b.data(), 600),
+    };
+    for (TEEC_Result result : results) EXPECT_EQ(result, TEEC_ERROR_GENERIC);
+    EXPECT_EQ(output.lines(), Lines(std::size(results), "Unknown data type"));
+    EXPECT_EQ(a, Bytes(600, kUnwritten));
+    EXPECT_EQ(b, Bytes(600, kUnwritten));
+    EXPECT_EQ(keyType, -7);
+    EXPECT_EQ(size, 600u);
+}
+
+TEST(DataPlaceHolder, StoreKeyReportsTheKeyTypeAndLength) {
+    Bytes key(200, kUnwritten);
+    int keyType = -1;
+    unsigned int size = 200;
+    EXPECT_EQ(DataPlaceHolder::fill_zel_storeKey(1, &keyType, key.data(), &size), TEEC_SUCCESS);
+    EXPECT_EQ(keyType, 5);
+    EXPECT_EQ(size, 121u);
+    EXPECT_EQ(Bytes(key.begin(), key.begin() + 121), decodeHex(v::kDeviceEcPrivateKey));
+
+    EXPECT_EQ(DataPlaceHolder::fill_zel_storeKey(2, &keyType, key.data(), &size), TEEC_SUCCESS);
+    EXPECT_EQ(keyType, 6);
+    EXPECT_EQ(size, 32u);
+    EXPECT_EQ(Bytes(key.begin(), key.begin() + 32), decodeHex(v::kAesKey));
+
+    size = 120;  // one short of the EC key: type is set, size and buffer are not
+    key.assign(200, kUnwritten);
+    EXPECT_EQ(DataPlaceHolder::fill_zel_storeKey(1, &keyType, key.data(), &size),
+              TEEC_ERROR_GENERIC);
+    EXPECT_EQ(keyType, 5);
+    EXPECT_EQ(size, 120u);
+    EXPECT_EQ(key, Bytes(200, kUnwritten));
+
+    size = 16;
+    OutputCapture output;
+    EXPECT_EQ(DataPlaceHolder::fill_zel_storeKey(0, &keyType, key.data(), &size), TEEC_SUCCESS);
+    EXPECT_EQ(output.lines(), Lines{"Data successfully generated"});
+    EXPECT_EQ(keyType, 5);
+    EXPECT_EQ(size, 16u);
+    EXPECT_EQ(key[16], kUnwritten);
+}
+
+TEST(DataPlaceHolder, SeveralBuffersStopAtTheFirstThatIsTooSmall) {
+    Bytes token(241, kUnwritten), iv(16, kUnwritten), cloud(91, kUnwritten);
+    OutputCapture output;
+    EXPECT_EQ(DataPlaceHolder::fill_zel_decryptHubToken(1, token.data(), 241, iv.data(), 15,
+                                                        cloud.data(), 91),
+              TEEC_ERROR_GENERIC);
+    EXPECT_EQ(token, decodeHex(v::kHubToken));
+    EXPECT_EQ(iv, Bytes(16, kUnwritten));
+    EXPECT_EQ(cloud, Bytes(91, kUnwritten));
+
+    EXPECT_EQ(DataPlaceHolder::fill_zel_decryptHubToken(1, token.data(), 241, iv.data(), 16,
+                                                        cloud.data(), 91),
+              TEEC_SUCCESS);
+    EXPECT_EQ(iv, decodeHex(v::kHubTokenIv));
+    EXPECT_EQ(cloud, decodeHex(v::kCloudEcPublicKey));
+    EXPECT_EQ(output.lines(), Lines{});
+}
+
+TEST(DataPlaceHolder, PublicKeyIsCopiedAsTextWithStrncpySemantics) {
+    std::string text(600, '\xEE');
+    auto* buffer = reinterpret_cast<unsigned char*>(&text[0]);
+    EXPECT_EQ(DataPlaceHolder::fill_zel_publicKey(1, buffer, 540), TEEC_SUCCESS);
+    EXPECT_EQ(text.substr(0, 540), v::kRsaPublicKey);
+    EXPECT_EQ(text[540], '\xEE');  // no terminator
+    EXPECT_EQ(text.substr(0, 18), "3082010A0282010100");
+
+    text.assign(600, '\xEE');
+    EXPECT_EQ(DataPlaceHolder::fill_zel_publicKey(1, buffer, 10), TEEC_SUCCESS);
+    EXPECT_EQ(text.substr(0, 11), std::string(v::kRsaPublicKey, 10) + '\xEE');
+    EXPECT_EQ(DataPlaceHolder::fill_zel_publicKey(1, buffer, 600), TEEC_SUCCESS);
+    EXPECT_EQ(text, v::kRsaPublicKey + std::string(60, '\0'));
+}
+
+TEST(DataPlaceHolder, TestCaseScenarioChecksIndexThenFillsInOrder) {
+    Bytes data(32, kUnwritten), enc(48, kUnwritten), iv(16, kUnwritten), key(32, kUnwritten);
+    auto fill = [&](int index, unsigned int dataSize, unsigned int encSize, unsigned int ivSize,
+                    unsigned int keySize) {
+        return DataPlaceHolder::fill_zel_enc_dec_tc_scenario(2, index, data.data(), dataSize,
+                                                             enc.data(), encSize, iv.data(), ivSize,
+                                                             key.data(), keySize);
+    };
+    OutputCapture output;
+    EXPECT_EQ(fill(0, 32, 48, 16, 32), TEEC_ERROR_GENERIC);
+    EXPECT_EQ(fill(6, 32, 48, 16, 32), TEEC_ERROR_GENERIC);
+    EXPECT_EQ(data, Bytes(32, kUnwritten));
+    EXPECT_EQ(fill(3, 32, 48, 15, 32), TEEC_ERROR_GENERIC);
+    EXPECT_EQ(data, decodeHex(v::kTestCasePlaintext));
+    EXPECT_EQ(enc, decodeHex(v::kTestCaseCiphertexts[2]));
+    EXPECT_EQ(iv, Bytes(16, kUnwritten));
+    EXPECT_EQ(key, Bytes(32, kUnwritten));
+    EXPECT_EQ(fill(1, 31, 48, 16, 32), TEEC_ERROR_GENERIC);
+    EXPECT_EQ(fill(1, 32, 47, 16, 32), TEEC_ERROR_GENERIC);
+    EXPECT_EQ(fill(1, 32, 48, 16, 31), TEEC_ERROR_GENERIC);
+    EXPECT_EQ(output.lines(), (Lines{"Wrong TC index", "Wrong TC index", "hex_str_2_bin iv error",
+                                     "hex_str_2_bin data error", "hex_str_2_bin encData error",
+                                     "hex_str_2_bin key error"}));
+    EXPECT_EQ(enc, decodeHex(v::kTestCaseCiphertexts[0]));  // case 1 got this far
+}
+
+TEST(DataPlaceHolder, CreateZelDataWritesExactlyTheOutputSizeOrNothing) {
+    const char* text = "00112233445566778899AABBCCDDEEFF0011";
+    Bytes out(16, kUnwritten);
+    OutputCapture output;
+    EXPECT_EQ(create_zel_data(out.data(), 16, text, 30), -1);
+    EXPECT_EQ(create_zel_data(out.data(), 16, text, 34), -1);
+    EXPECT_EQ(create_zel_data(out.data(), 16, "0011223344556677889900112233445Z", 32), -1);
+    EXPECT_EQ(create_zel_data(out.data(), 16, text, 31), -1);
+    EXPECT_EQ(output.lines(), (Lines{"temp_buffer_size error", "out_size too small16",
+                                     "hex_str_2_bin error", "hex_str_2_bin error"}));
+    EXPECT_EQ(out, Bytes(16, kUnwritten));
+    EXPECT_EQ(create_zel_data(out.data(), 16, text, 32), 0);
+    EXPECT_EQ(out, decodeHex("00112233445566778899AABBCCDDEEFF"));
+}
+
+TEST(TestVectors, HexTextIsUpperCaseExceptTheEcPublicKey) {
+    for (const char* text :
+         {v::kPutData, v::kDeviceEcPrivateKey, v::kAesKey, v::kAesIv, v::kAesPlaintext,
+          v::kAesCiphertext, v::kCmacMessage, v::kEcdsaMessage, v::kHubToken, v::kHubTokenIv,
+          v::kDecryptByKeyInput, v::kRsaPublicKey, v::kTestCasePlaintext, v::kTestCaseIv})
+        for (const char* c = text; *c; ++c) ASSERT_TRUE(isdigit(*c) || isupper(*c)) << text;
+    for (const char* c = v::kCloudEcPublicKey; *c; ++c) ASSERT_TRUE(isdigit(*c) || islower(*c));
+}
+
+TEST(TestVectors, AesCiphertextsDecryptUnderTheirKeys) {
+    Bytes key(32), iv(16), plaintext(32), ivAgain(16), ciphertext(48), compare(32);
+    int keyType = 0;
+    unsigned int keySize = 32;
+    OutputCapture output;
+    ASSERT_EQ(DataPlaceHolder::fill_zel_storeKey(2, &keyType, key.data(), &keySize), TEEC_SUCCESS);
+    ASSERT_EQ(DataPlaceHolder::fill_zel_aesEncrypt(2, iv.data(), 16, plaintext.data(), 32),
+              TEEC_SUCCESS);
+    ASSERT_EQ(DataPlaceHolder::fill_zel_aesDecrypt(2, ivAgain.data(), 16, ciphertext.data(), 48),
+              TEEC_SUCCESS);
+    ASSERT_EQ(DataPlaceHolder::fill_zel_compareData(2, compare.data(), 32), TEEC_SUCCESS);
+    EXPECT_EQ(ivAgain, iv);
+    EXPECT_EQ(compare, key);
+    EXPECT_EQ(aes256CbcDecrypt(key, iv, ciphertext), plaintext);
+
+    Bytes data(32), enc(48), tcIv(16), tcKey(32);
+    for (int index = 1; index <= 5; ++index) {
+        ASSERT_EQ(DataPlaceHolder::fill_zel_enc_dec_tc_scenario(
+                      2, index, data.data(), 32, enc.data(), 48, tcIv.data(), 16, tcKey.data(), 32),
+                  TEEC_SUCCESS);
+        EXPECT_EQ(aes256CbcDecrypt(tcKey, tcIv, enc), data) << "test case " << index;
+        // Bound to its own key: the next case's key does not give the plaintext back.
+        EXPECT_NE(aes256CbcDecrypt(decodeHex(v::kTestCaseKeys[index % 5]), tcIv, enc), data);
+    }
+    EXPECT_NE(tcIv, iv);
+}
+
+TEST(TestVectors, DecryptByKeyInputIsLengthIvAndBodyUnderTheStoredKey) {
+    const Bytes input = decodeHex(v::kDecryptByKeyInput);
+    ASSERT_EQ(input.size(), 146u);
+    const size_t length = size_t{input[0]} << 8 | input[1];
+    EXPECT_EQ(length, 120u);
+    const auto plaintext = aes256CbcDecrypt(decodeHex(v::kAesKey), Bytes(&input[2], &input[18]),
+                                            Bytes(input.begin() + 18, input.end()));
+    ASSERT_TRUE(plaintext.has_value());
+    EXPECT_EQ(plaintext->size(), length);
+}
+
+// Curve names and key parameters are read through the OpenSSL 3 parameter interface.
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+TEST(TestVectors, DeviceAndCloudKeysAreP256) {
+    const Bytes priv = decodeHex(v::kDeviceEcPrivateKey);
+    EXPECT_EQ(Bytes(priv.begin(), priv.begin() + 7),
+              (Bytes{0x30, 0x77, 0x02, 0x01, 0x01, 0x04, 0x20}));
+    const unsigned char* p = priv.data();
+    PkeyPtr device(d2i_PrivateKey(EVP_PKEY_EC, nullptr, &p, static_cast<long>(priv.size())));
+    ASSERT_TRUE(device);
+    EXPECT_EQ(p, priv.data() + priv.size());
+    EXPECT_EQ(groupName(device.get()), "prime256v1");
+    PkeyCtxPtr check(EVP_PKEY_CTX_new(device.get(), nullptr));
+    EXPECT_EQ(EVP_PKEY_check(check.get()), 1);  // the embedded public point matches
+
+    const Bytes spki = decodeHex(v::kCloudEcPublicKey);
+    EXPECT_EQ(spki.size(), 91u);
+    EXPECT_EQ(Bytes(spki.begin(), spki.begin() + 13), decodeHex("3059301306072a8648ce3d0201"));
+    p = spki.data();
+    PkeyPtr cloud(d2i_PUBKEY(nullptr, &p, static_cast<long>(spki.size())));
+    ASSERT_TRUE(cloud);
+    EXPECT_EQ(EVP_PKEY_get_base_id(cloud.get()), EVP_PKEY_EC);
+    EXPECT_EQ(groupName(cloud.get()), "prime256v1");
+    check.reset(EVP_PKEY_CTX_new(cloud.get(), nullptr));
+    EXPECT_EQ(EVP_PKEY_public_check(check.get()), 1);
+}
+
+TEST(TestVectors, RsaTextIsA2048BitPublicKeyWithExponent65537) {
+    std::string text(540, '\0');
+    ASSERT_EQ(
+        DataPlaceHolder::fill_zel_publicKey(1, reinterpret_cast<unsigned char*>(&text[0]), 540),
+        TEEC_SUCCESS);
+    const Bytes der = decodeHex(text.c_str());
+    ASSERT_EQ(der.size(), 270u);
+    const unsigned char* p = der.data();
+    PkeyPtr key(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &p, static_cast<long>(der.size())));
+    ASSERT_TRUE(key);
+    EXPECT_EQ(p, der.data() + der.size());
+    EXPECT_EQ(EVP_PKEY_get_bits(key.get()), 2048);
+    BIGNUM* raw = nullptr;
+    ASSERT_EQ(EVP_PKEY_get_bn_param(key.get(), OSSL_PKEY_PARAM_RSA_E, &raw), 1);
+    BignumPtr exponent(raw);
+    EXPECT_EQ(BN_get_word(exponent.get()), 65537u);
+}
+#endif
+
+}  // namespace

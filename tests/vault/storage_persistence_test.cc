@@ -1,0 +1,72 @@
+// The vault's storage in a file: what a command stored survives the daemon's death and restart;
+// a damaged file is refused with a clear message.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <vector>
+
+#include <unistd.h>
+
+#include "daemon_launcher.h"
+#include "output_capture.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+class StoragePersistenceTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        directory_ = testing::TempDir() + "zel_storage_XXXXXX";
+        ASSERT_NE(mkdtemp(directory_.data()), nullptr);
+        storage_ = directory_ + "/vault.db";
+    }
+    void TearDown() override {
+        daemon_.reset();
+        unsetenv("ZEL_TEE_SOCKET");
+        for (const char* suffix : {"", "-wal", "-shm"}) unlink((storage_ + suffix).c_str());
+        rmdir(directory_.c_str());
+    }
+    // Starts a daemon over the storage file; error receives why it did not start.
+    bool startDaemon(std::string& error) {
+        daemon_ = zel::vault::VaultDaemon::start({{}, {}, false, {"--storage", storage_}}, error);
+        if (daemon_) setenv("ZEL_TEE_SOCKET", daemon_->socketPath().c_str(), 1);
+        return daemon_ != nullptr;
+    }
+
+    std::string directory_, storage_;
+    std::unique_ptr<zel::vault::VaultDaemon> daemon_;
+};
+
+TEST_F(StoragePersistenceTest, SlotsSurviveKillAndRestart) {
+    std::string error;
+    ASSERT_TRUE(startDaemon(error)) << error;
+    OutputCapture output;
+    CaZelInterface vault(zel_test);
+    const std::vector<uint8_t> data = {1, 2, 3, 4, 5, 6, 7};
+    ASSERT_EQ(vault.zel_put(3, data.data(), 7), 0);
+    ASSERT_EQ(vault.zel_put(4, data.data(), 3), 0);
+    daemon_->kill();  // no chance to flush anything
+
+    ASSERT_TRUE(startDaemon(error)) << error;
+    unsigned char* read = nullptr;
+    unsigned int size = 0;
+    ASSERT_EQ(vault.zel_get(3, &read, &size), 0);
+    EXPECT_EQ(std::vector<uint8_t>(read, read + size), data);
+    std::free(read);
+    ASSERT_EQ(vault.zel_delete(4), 0);
+    ASSERT_TRUE(daemon_->stop());
+
+    ASSERT_TRUE(startDaemon(error)) << error;
+    EXPECT_EQ(vault.zel_checkDataExistence(4, 0), static_cast<int32_t>(TEEC_ERROR_ITEM_NOT_FOUND));
+    EXPECT_EQ(vault.zel_checkDataExistence(3, 0), 0);
+}
+
+TEST_F(StoragePersistenceTest, DamagedStoreIsRefused) {
+    std::ofstream(storage_) << std::string(4096, '\x5a');
+    std::string error;
+    EXPECT_FALSE(startDaemon(error));
+    EXPECT_NE(error.find("exited with status 1"), std::string::npos) << error;
+}
+
+}  // namespace
