@@ -115,3 +115,35 @@ TEST_F(ZelTcAgainstRunningDaemonTest, VaultCommandsArmTheControlTaFromTheShell) 
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(ZelTcAgainstRunningDaemonTest, ScenariosTakeTheirDataTypeIndexAndUuid) {
+    const std::string socket = " --socket " + daemon->socketPath();
+    CliRun run = zelTc("run" + socket + " zel_put --index 7 --data-type 0");
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(Lines(run.out.begin(), run.out.begin() + 6),
+              (Lines{"CA Manager created", "CA Manager SendDataToZel: 0", "CaManager zel_put",
+                     "Data successfully generated", "index: 7", "uDataSize: 241"}));
+
+    run = zelTc("run" + socket + " get 45 --index 7");  // by short name and by number
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(std::find(run.out.begin(), run.out.end(), "status: 01"), run.out.end());
+    EXPECT_NE(run.err.find("PASS 2 zel_get"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("PASS 45 zel_getSlotInfo"), std::string::npos) << run.err;
+
+    run = zelTc("run" + socket + " zel_put --data-type 7");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.out.back(), "Unknown data type");
+    EXPECT_NE(run.err.find("FAIL 0 zel_put result 0xFFFF0000 TEEC_ERROR_GENERIC"),
+              std::string::npos)
+        << run.err;
+
+    // Another TA's UUID: the vault's commands are not there.
+    run = zelTc("run" + socket + " zel_openSession --uuid zel_test_a");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(zelTc("run" + socket + " zel_get --uuid not-a-uuid").exitCode, 2);
+    EXPECT_EQ(zelTc("run" + socket + " zel_get --index x").exitCode, 2);
+}
+
+}  // namespace
