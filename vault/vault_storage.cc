@@ -8,7 +8,7 @@ namespace {
 
 // Owns one prepared statement; finalizing twice is harmless.
 class Statement {
-public:
+  public:
     Statement(sqlite3* db, const char* sql) {
         code_ = sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr);
     }
@@ -18,7 +18,7 @@ public:
     int code() const { return code_; }
     sqlite3_stmt* get() const { return statement_; }
 
-private:
+  private:
     sqlite3_stmt* statement_ = nullptr;
     int code_;
 };
@@ -28,7 +28,8 @@ constexpr const char* kSchema =
     "PRAGMA synchronous=FULL;"
     "CREATE TABLE IF NOT EXISTS slots (idx INTEGER PRIMARY KEY, data BLOB NOT NULL);"
     "CREATE TABLE IF NOT EXISTS keys (idx INTEGER PRIMARY KEY, type INTEGER NOT NULL,"
-    "                                 material BLOB NOT NULL);";
+    "                                 material BLOB NOT NULL);"
+    "CREATE TABLE IF NOT EXISTS hub_tokens (idx INTEGER PRIMARY KEY, token BLOB NOT NULL);";
 
 }  // namespace
 
@@ -71,7 +72,9 @@ std::unique_ptr<VaultStorage> VaultStorage::open(const std::string& path, std::s
     return std::unique_ptr<VaultStorage>(new VaultStorage(db));
 }
 
-VaultStorage::~VaultStorage() { sqlite3_close(db_); }
+VaultStorage::~VaultStorage() {
+    sqlite3_close(db_);
+}
 
 TEEC_Result VaultStorage::exec(const char* sql, std::initializer_list<Value> parameters,
                                Expect expect, std::vector<Value>* row) {
@@ -97,7 +100,8 @@ TEEC_Result VaultStorage::exec(const char* sql, std::initializer_list<Value> par
             value.integer = sqlite3_column_int64(statement.get(), column);
             const auto* bytes =
                 static_cast<const uint8_t*>(sqlite3_column_blob(statement.get(), column));
-            if (bytes) value.blob.assign(bytes, bytes + sqlite3_column_bytes(statement.get(), column));
+            if (bytes)
+                value.blob.assign(bytes, bytes + sqlite3_column_bytes(statement.get(), column));
             row->push_back(std::move(value));
         }
     }
@@ -126,7 +130,8 @@ TEEC_Result VaultStorage::readKey(int32_t index, StoredKey& key) {
     std::vector<Value> row;
     const TEEC_Result result =
         exec("SELECT type, material FROM keys WHERE idx = ?", {{index, {}}}, Expect::kRow, &row);
-    if (result == TEEC_SUCCESS) key = {static_cast<int32_t>(row[0].integer), std::move(row[1].blob)};
+    if (result == TEEC_SUCCESS)
+        key = {static_cast<int32_t>(row[0].integer), std::move(row[1].blob)};
     return result;
 }
 
@@ -139,9 +144,23 @@ TEEC_Result VaultStorage::eraseKey(int32_t index) {
     return exec("DELETE FROM keys WHERE idx = ?", {{index, {}}}, Expect::kChange);
 }
 
+TEEC_Result VaultStorage::readHubToken(int32_t index, Bytes& token) {
+    std::vector<Value> row;
+    const TEEC_Result result =
+        exec("SELECT token FROM hub_tokens WHERE idx = ?", {{index, {}}}, Expect::kRow, &row);
+    if (result == TEEC_SUCCESS) token = std::move(row[0].blob);
+    return result;
+}
+
+TEEC_Result VaultStorage::writeHubToken(int32_t index, const Bytes& token) {
+    return exec("INSERT OR REPLACE INTO hub_tokens (idx, token) VALUES (?, ?)",
+                {{index, {}}, {0, token}}, Expect::kNothing);
+}
+
 TEEC_Result VaultStorage::clear() {
-    const int code = sqlite3_exec(db_, "BEGIN; DELETE FROM slots; DELETE FROM keys; COMMIT;",
-                                  nullptr, nullptr, nullptr);
+    const int code = sqlite3_exec(
+        db_, "BEGIN; DELETE FROM slots; DELETE FROM keys; DELETE FROM hub_tokens; COMMIT;", nullptr,
+        nullptr, nullptr);
     if (code != SQLITE_OK) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     return resultFromSqlite(code);
 }

@@ -24,7 +24,7 @@ struct StoredKey {
 };
 
 class VaultStorage {
-public:
+  public:
     // ":memory:" or a file path. Null with a message when the store cannot be opened or is not a
     // vault store.
     static std::unique_ptr<VaultStorage> open(const std::string& path, std::string& error);
@@ -39,9 +39,12 @@ public:
     TEEC_Result readKey(int32_t index, StoredKey& key);
     TEEC_Result writeKey(int32_t index, const StoredKey& key);
     TEEC_Result eraseKey(int32_t index);
+    // Decrypted hub tokens, by the index they were stored under.
+    TEEC_Result readHubToken(int32_t index, Bytes& token);
+    TEEC_Result writeHubToken(int32_t index, const Bytes& token);
     TEEC_Result clear();
 
-private:
+  private:
     // A statement parameter or result column: an integer or a blob.
     struct Value {
         int64_t integer = 0;

@@ -11,7 +11,7 @@ namespace zel::vault {
 // Reads a request field by field. The first field that is missing or of the wrong type makes the
 // request malformed, and every later read yields nothing.
 class RequestFields {
-public:
+  public:
     explicit RequestFields(wsm::Reader reader) : reader_(reader) {}
 
     int32_t integer() {
@@ -30,7 +30,7 @@ public:
     // Every field was there and nothing follows them.
     bool complete() const { return ok_ && reader_.peek() == wsm::kEnd; }
 
-private:
+  private:
     wsm::Reader reader_;
     bool ok_ = true;
 };
@@ -55,7 +55,37 @@ const CommandHandler kHandlers[] = {
     {cmd::zel_compareData, &VaultTa::compareData},
     {cmd::zel_generateKey, &VaultTa::generateKey},
     {cmd::zel_getSlotInfo, &VaultTa::getSlotInfo},
+    {cmd::zel_aesEncrypt, &VaultTa::aesEncrypt},
+    {cmd::zel_aesDecrypt, &VaultTa::aesDecrypt},
+    {cmd::zel_ecdsaCreateSignature, &VaultTa::ecdsaCreateSignature},
+    {cmd::zel_decryptByKey, &VaultTa::decryptByKey},
+    {cmd::zel_genAuthKey, &VaultTa::genAuthKey},
+    {cmd::zel_decryptHubToken, &VaultTa::decryptHubToken},
+    {cmd::zel_getHubID, &VaultTa::getHubID},
+    {cmd::zel_getCmacKey, &VaultTa::getCmacKey},
+    {cmd::zel_getCMACwithHubToken, &VaultTa::getCMACwithHubToken},
 };
+
+// The option values the vault implements: PKCS#7 padding, AES-256 (key size 32 bytes in the AES
+// commands, code 2 in decrypt-by-key), CBC mode.
+constexpr int32_t kPkcs7Padding = 1;
+constexpr int32_t kAes256Bytes = 32;
+constexpr int32_t kAes256Code = 2;
+constexpr int32_t kCbcMode = 1;
+constexpr int32_t kCmacWithTokenKey = 1;
+constexpr int32_t kSignHashOfMessage = 1;
+constexpr int32_t kSignDigest = 2;
+
+// A decrypted hub token: its identity, then its key, then claims the vault does not read.
+constexpr size_t kHubIdSize = 16;
+constexpr size_t kHubKeySize = 32;
+const char kHubTokenInfo[] = "zel hub token";
+const Bytes kRxKeyLabel = {'z', 'e', 'l', ' ', 'r', 'x', ' ', 'k', 'e', 'y'};
+const Bytes kTxKeyLabel = {'z', 'e', 'l', ' ', 't', 'x', ' ', 'k', 'e', 'y'};
+
+// Decrypt-by-key input: a 2-byte big-endian plaintext length, a 16-byte IV, the CBC body.
+constexpr size_t kLengthFieldSize = 2;
+constexpr size_t kIvSize = 16;
 
 const std::set<uint32_t>& selfTestIds() {
     static const std::set<uint32_t> ids = [] {
@@ -71,7 +101,9 @@ const std::set<uint32_t>& selfTestIds() {
     return ids;
 }
 
-bool validIndex(int32_t index) { return index >= 0 && index <= VaultTa::kMaxIndex; }
+bool validIndex(int32_t index) {
+    return index >= 0 && index <= VaultTa::kMaxIndex;
+}
 
 // A reply of one length-prefixed buffer.
 TEEC_Result replyBuffer(wsm::Writer& out, const Bytes& data) {
@@ -95,8 +127,8 @@ TaResult VaultTa::invoke(uint32_t command, TaOperation& operation) {
     if (reader.peek() == wsm::kEnd) return {};  // the built-in self-test
     const auto handler = std::find_if(std::begin(kHandlers), std::end(kHandlers),
                                       [&](const CommandHandler& h) { return h.id == command; });
-    if (handler == std::end(kHandlers))
-        return {TEEC_ERROR_NOT_IMPLEMENTED, TEEC_ORIGIN_TRUSTED_APP};
+    // The raw suites' own numbers have a self-test but no request to serve.
+    if (handler == std::end(kHandlers)) return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TRUSTED_APP};
     RequestFields in(reader);
     wsm::Writer out(block.buffer, block.size);
     return {(this->*handler->run)(in, out), TEEC_ORIGIN_TRUSTED_APP};
@@ -211,11 +243,155 @@ TEEC_Result VaultTa::getSlotInfo(RequestFields& in, wsm::Writer& out) {
     return TEEC_SUCCESS;
 }
 
+TEEC_Result VaultTa::keyOfType(int32_t index, int32_t type, Bytes& material) {
+    StoredKey key;
+    const TEEC_Result result = storage_.readKey(index, key);
+    if (result != TEEC_SUCCESS) return result;
+    if (key.type != type) return TEEC_ERROR_BAD_PARAMETERS;
+    material = std::move(key.material);
+    return TEEC_SUCCESS;
+}
+
+TEEC_Result VaultTa::hubToken(int32_t index, Bytes& id, Bytes& key) {
+    Bytes token;
+    const TEEC_Result result = storage_.readHubToken(index, token);
+    if (result != TEEC_SUCCESS) return result;
+    id.assign(token.begin(), token.begin() + kHubIdSize);
+    key.assign(token.begin() + kHubIdSize, token.begin() + kHubIdSize + kHubKeySize);
+    return TEEC_SUCCESS;
+}
+
+TEEC_Result VaultTa::aes(bool encrypt, RequestFields& in, wsm::Writer& out) {
+    const int32_t index = in.integer();
+    const int32_t padding = in.integer();
+    const int32_t keySize = in.integer();
+    const int32_t mode = in.integer();
+    const Bytes iv = in.sizedBlob();
+    const Bytes data = in.sizedBlob();
+    if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
+    if (!validIndex(index) || iv.size() != kIvSize) return TEEC_ERROR_BAD_PARAMETERS;
+    if (padding != kPkcs7Padding || keySize != kAes256Bytes || mode != kCbcMode)
+        return TEEC_ERROR_NOT_SUPPORTED;
+    Bytes key, result;
+    TEEC_Result status = keyOfType(index, kKeyTypeAes, key);
+    if (status == TEEC_SUCCESS) status = aesCbc(encrypt, key, iv, data, result);
+    return status != TEEC_SUCCESS ? status : replyBuffer(out, result);
+}
+
+TEEC_Result VaultTa::aesEncrypt(RequestFields& in, wsm::Writer& out) {
+    return aes(true, in, out);
+}
+
+TEEC_Result VaultTa::aesDecrypt(RequestFields& in, wsm::Writer& out) {
+    return aes(false, in, out);
+}
+
+TEEC_Result VaultTa::ecdsaCreateSignature(RequestFields& in, wsm::Writer& out) {
+    const int32_t index = in.integer();
+    const int32_t type = in.integer();
+    const Bytes message = in.sizedBlob();
+    if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
+    if (!validIndex(index) || message.empty()) return TEEC_ERROR_BAD_PARAMETERS;
+    if (type != kSignHashOfMessage && type != kSignDigest) return TEEC_ERROR_NOT_SUPPORTED;
+    Bytes key, digest = message, signature;
+    TEEC_Result status = keyOfType(index, kKeyTypeEc, key);
+    if (status == TEEC_SUCCESS && type == kSignHashOfMessage) status = sha256(message, digest);
+    if (status == TEEC_SUCCESS) status = ecdsaSignDigest(key, digest, signature);
+    return status != TEEC_SUCCESS ? status : replyBuffer(out, signature);
+}
+
+TEEC_Result VaultTa::decryptByKey(RequestFields& in, wsm::Writer&) {
+    const int32_t index = in.integer();
+    const int32_t keyIndex = in.integer();
+    const int32_t padding = in.integer();
+    const int32_t keySize = in.integer();
+    const int32_t mode = in.integer();
+    const Bytes input = in.sizedBlob();
+    if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
+    if (!validIndex(index) || !validIndex(keyIndex)) return TEEC_ERROR_BAD_PARAMETERS;
+    if (padding != kPkcs7Padding || keySize != kAes256Code || mode != kCbcMode)
+        return TEEC_ERROR_NOT_SUPPORTED;
+    if (input.size() < kLengthFieldSize + kIvSize + 16) return TEEC_ERROR_BAD_FORMAT;
+    const size_t length = static_cast<size_t>(input[0]) << 8 | input[1];
+    const Bytes iv(input.begin() + kLengthFieldSize, input.begin() + kLengthFieldSize + kIvSize);
+    const Bytes body(input.begin() + kLengthFieldSize + kIvSize, input.end());
+    Bytes key, plain;
+    TEEC_Result status = keyOfType(keyIndex, kKeyTypeAes, key);
+    if (status == TEEC_SUCCESS) status = aesCbc(false, key, iv, body, plain);
+    if (status != TEEC_SUCCESS) return status;
+    if (plain.size() != length || plain.empty() || plain.size() > kMaxSlotSize)
+        return TEEC_ERROR_BAD_FORMAT;
+    return storage_.writeSlot(index, plain);
+}
+
+TEEC_Result VaultTa::genAuthKey(RequestFields& in, wsm::Writer& out) {
+    const int32_t index = in.integer();
+    const Bytes publicKey = in.sizedBlob();
+    if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
+    if (!validIndex(index)) return TEEC_ERROR_BAD_PARAMETERS;
+    Bytes key, secret;
+    TEEC_Result status = keyOfType(index, kKeyTypeEc, key);
+    if (status == TEEC_SUCCESS) status = ecdh(key, publicKey, secret);
+    return status != TEEC_SUCCESS ? status : replyBuffer(out, secret);
+}
+
+TEEC_Result VaultTa::decryptHubToken(RequestFields& in, wsm::Writer&) {
+    const int32_t keyIndex = in.integer();
+    const int32_t storeIndex = in.integer();
+    const Bytes sealed = in.sizedBlob();
+    const Bytes iv = in.sizedBlob();
+    const Bytes cloudKey = in.sizedBlob();
+    if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
+    if (!validIndex(keyIndex) || !validIndex(storeIndex) || iv.empty())
+        return TEEC_ERROR_BAD_PARAMETERS;
+    Bytes deviceKey, secret, tokenKey, token;
+    TEEC_Result status = keyOfType(keyIndex, kKeyTypeEc, deviceKey);
+    if (status == TEEC_SUCCESS) status = ecdh(deviceKey, cloudKey, secret);
+    if (status == TEEC_SUCCESS) status = hkdfSha256(secret, kHubTokenInfo, 32, tokenKey);
+    if (status == TEEC_SUCCESS) status = aesGcmOpen(tokenKey, iv, sealed, token);
+    if (status != TEEC_SUCCESS) return status;
+    if (token.size() < kHubIdSize + kHubKeySize) return TEEC_ERROR_BAD_FORMAT;
+    return storage_.writeHubToken(storeIndex, token);
+}
+
+TEEC_Result VaultTa::getHubID(RequestFields& in, wsm::Writer& out) {
+    const int32_t index = in.integer();
+    if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
+    if (!validIndex(index)) return TEEC_ERROR_BAD_PARAMETERS;
+    Bytes id, key;
+    const TEEC_Result status = hubToken(index, id, key);
+    return status != TEEC_SUCCESS ? status : replyBuffer(out, id);
+}
+
+TEEC_Result VaultTa::getCmacKey(RequestFields& in, wsm::Writer& out) {
+    const int32_t index = in.integer();
+    if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
+    if (!validIndex(index)) return TEEC_ERROR_BAD_PARAMETERS;
+    Bytes id, key, rx, tx;
+    TEEC_Result status = hubToken(index, id, key);
+    if (status == TEEC_SUCCESS) status = aesCmac(key, kRxKeyLabel, rx);
+    if (status == TEEC_SUCCESS) status = aesCmac(key, kTxKeyLabel, tx);
+    if (status == TEEC_SUCCESS) status = replyBuffer(out, rx);
+    return status != TEEC_SUCCESS ? status : replyBuffer(out, tx);
+}
+
+TEEC_Result VaultTa::getCMACwithHubToken(RequestFields& in, wsm::Writer& out) {
+    const int32_t index = in.integer();
+    const int32_t type = in.integer();
+    const Bytes message = in.sizedBlob();
+    if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
+    if (!validIndex(index)) return TEEC_ERROR_BAD_PARAMETERS;
+    if (type != kCmacWithTokenKey) return TEEC_ERROR_NOT_SUPPORTED;
+    Bytes id, key, mac;
+    TEEC_Result status = hubToken(index, id, key);
+    if (status == TEEC_SUCCESS) status = aesCmac(key, message, mac);
+    return status != TEEC_SUCCESS ? status : replyBuffer(out, mac);
+}
+
 void addVaultTa(TaRegistry& registry, VaultTa& vault) {
-    registry.add(zel_test, "vault",
-                 [&vault](uint32_t command, TaOperation& operation) {
-                     return vault.invoke(command, operation);
-                 });
+    registry.add(zel_test, "vault", [&vault](uint32_t command, TaOperation& operation) {
+        return vault.invoke(command, operation);
+    });
 }
 
 }  // namespace zel::vault

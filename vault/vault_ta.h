@@ -18,7 +18,7 @@ namespace zel::vault {
 class RequestFields;
 
 class VaultTa {
-public:
+  public:
     static constexpr int32_t kMaxIndex = 31;  // slots and keys 0 to 31
     static constexpr uint32_t kMaxSlotSize = 4096;
     static constexpr int32_t kKeyTypeEc = 5;   // RFC 5915 ECPrivateKey on P-256
@@ -40,8 +40,23 @@ public:
     TEEC_Result compareData(RequestFields& in, wsm::Writer& out);
     TEEC_Result generateKey(RequestFields& in, wsm::Writer& out);
     TEEC_Result getSlotInfo(RequestFields& in, wsm::Writer& out);
+    TEEC_Result aesEncrypt(RequestFields& in, wsm::Writer& out);
+    TEEC_Result aesDecrypt(RequestFields& in, wsm::Writer& out);
+    TEEC_Result ecdsaCreateSignature(RequestFields& in, wsm::Writer& out);
+    TEEC_Result decryptByKey(RequestFields& in, wsm::Writer& out);
+    TEEC_Result genAuthKey(RequestFields& in, wsm::Writer& out);
+    TEEC_Result decryptHubToken(RequestFields& in, wsm::Writer& out);
+    TEEC_Result getHubID(RequestFields& in, wsm::Writer& out);
+    TEEC_Result getCmacKey(RequestFields& in, wsm::Writer& out);
+    TEEC_Result getCMACwithHubToken(RequestFields& in, wsm::Writer& out);
 
-private:
+  private:
+    // The key material at index when the key there is of this type.
+    TEEC_Result keyOfType(int32_t index, int32_t type, Bytes& material);
+    // The hub token stored at index: its identity and its key.
+    TEEC_Result hubToken(int32_t index, Bytes& id, Bytes& key);
+    TEEC_Result aes(bool encrypt, RequestFields& in, wsm::Writer& out);
+
     VaultStorage& storage_;
 };
 

@@ -16,7 +16,7 @@
 #include "zel_export.h"
 
 class ZEL_TC_API CaZelInterface {
-public:
+  public:
     explicit CaZelInterface(TEEC_UUID uuid);
     ~CaZelInterface() = default;
 
@@ -34,6 +34,32 @@ public:
     // *status receives the low 8 bits of the status the TA reports.
     int32_t zel_getSlotInfo(int index, unsigned char* status, unsigned int* dataSize);
 
-private:
+    int32_t zel_getCMACwithHubToken(int index, int type, unsigned char* message,
+                                    unsigned int messageSize, unsigned char** cmac,
+                                    unsigned int* cmacSize);
+    int32_t zel_ecdsaCreateSignature(int index, int type, unsigned char* message,
+                                     unsigned int messageSize, unsigned char** signature,
+                                     unsigned int* signatureSize);
+    int32_t zel_decryptByKey(int index, int skIndex, int padding, int key_size, int aesmode,
+                             unsigned char* encData, unsigned int encDataSize);
+    int32_t zel_decryptHubToken(int c_index, int storeIndex, unsigned char* encHubToken,
+                                unsigned int encHubTokenSize, unsigned char* iv,
+                                unsigned int ivSize, unsigned char* cloudPubkey,
+                                unsigned int cloudPubkeySize);
+    int32_t zel_genAuthKey(int c_index, unsigned char* pubkey, unsigned int pubkeySize,
+                           unsigned char** sharedKey, unsigned int* sharedKeySize);
+    int32_t zel_getHubID(int c_index, unsigned char** hubID, unsigned int* hubIDSize);
+    // Both keys or neither: an empty one hands out nothing. If only one copy could be allocated
+    // it is handed out all the same and the caller frees it.
+    int32_t zel_getCmacKey(int index, unsigned char** rxKey, unsigned int* rxKeySize,
+                           unsigned char** txKey, unsigned int* txKeySize);
+    int32_t zel_aesEncrypt(int index, int padding, int keySize, int aesMode, unsigned char* iv,
+                           unsigned int ivSize, unsigned char* data, unsigned int dataSize,
+                           unsigned char** encData, unsigned int* encDataSize);
+    int32_t zel_aesDecrypt(int index, int padding, int keySize, int aesMode, unsigned char* iv,
+                           unsigned int ivSize, unsigned char* data, unsigned int dataSize,
+                           unsigned char** decData, unsigned int* decDataSize);
+
+  private:
     TEEC_UUID uuid;
 };

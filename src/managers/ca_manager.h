@@ -30,6 +30,17 @@ class ZEL_TC_API CaManager {
     int32_t zel_generateKey();
     int32_t zel_getSlotInfo();
 
+    int32_t zel_compareData();
+    int32_t zel_aesEncrypt();
+    int32_t zel_aesDecrypt();
+    int32_t zel_getCMACwithHubToken();
+    int32_t zel_getCmacKey();
+    int32_t zel_getHubID();
+    int32_t zel_genAuthKey();
+    int32_t zel_decryptHubToken();
+    int32_t zel_ecdsaCreateSignature();
+    int32_t zel_decryptByKey();
+
   private:
     int32_t dataType;
     int32_t cmd;

@@ -71,7 +71,7 @@ TEST(ZelTcCliTest, BadInputIsRefusedBeforeAnythingRuns) {
 TEST(ZelTcCliTest, ListShowsEveryStepWithItsNumber) {
     const CliRun run = zelTc("list");
     EXPECT_EQ(run.exitCode, 0);
-    ASSERT_EQ(run.out.size(), 15u);
+    ASSERT_EQ(run.out.size(), 25u);
     EXPECT_NE(run.out[3].find("504  bist N (3-17)"), std::string::npos) << run.out[3];
     EXPECT_NE(run.out[14].find("45  zel_getSlotInfo"), std::string::npos) << run.out[14];
 }

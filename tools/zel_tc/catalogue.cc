@@ -39,9 +39,13 @@ struct PlanRow {
     int index;
 };
 
+// Where the plan keeps things. The AES key sits at 2 because decrypt-by-key always uses the key
+// at 2; the hub token at 1 because the hub-token scenario always stores it there.
 constexpr int kDataSlot = 3;
 constexpr int kEcKeySlot = 3;
-constexpr int kAesKeySlot = 4;
+constexpr int kAesKeySlot = 2;
+constexpr int kDecryptedSlot = 6;
+constexpr int kHubTokenSlot = 1;
 constexpr int kGeneratedKeySlot = 5;
 
 constexpr PlanRow kPlan[] = {
@@ -58,6 +62,16 @@ constexpr PlanRow kPlan[] = {
     {"zel_checkDataExistence", 1, kDataSlot},
     {"zel_storeKey", 1, kEcKeySlot},
     {"zel_storeKey", 2, kAesKeySlot},
+    {"zel_compareData", 2, kAesKeySlot},
+    {"zel_aesEncrypt", 2, kAesKeySlot},
+    {"zel_aesDecrypt", 2, kAesKeySlot},
+    {"zel_decryptByKey", 1, kDecryptedSlot},
+    {"zel_ecdsaCreateSignature", 1, kEcKeySlot},
+    {"zel_genAuthKey", 1, kEcKeySlot},
+    {"zel_decryptHubToken", 1, kEcKeySlot},
+    {"zel_getHubID", 1, kHubTokenSlot},
+    {"zel_getCmacKey", 1, kHubTokenSlot},
+    {"zel_getCMACwithHubToken", 1, kHubTokenSlot},
     {"zel_generateKey", 1, kGeneratedKeySlot},
     {"zel_deleteKey", 1, kGeneratedKeySlot},
     {"zel_delete", 1, kDataSlot},
@@ -121,6 +135,25 @@ const std::vector<CatalogueEntry>& catalogue() {
         scenario(cmd::zel_openSession, "zel_openSession", "open a vault session, no request"),
         scenario(cmd::zel_generateKey, "zel_generateKey", "generate an EC P-256 key at --index"),
         scenario(cmd::zel_getSlotInfo, "zel_getSlotInfo", "what slot and key --index hold"),
+        scenario(cmd::zel_getCMACwithHubToken, "zel_getCMACwithHubToken",
+                 "AES-CMAC of a message under the hub token at --index", 1, 1),
+        scenario(cmd::zel_ecdsaCreateSignature, "zel_ecdsaCreateSignature",
+                 "ECDSA P-256 signature of a digest with the EC key at --index"),
+        scenario(cmd::zel_decryptByKey, "zel_decryptByKey",
+                 "decrypt 146 bytes with the AES key at 2 into slot --index", 1, 6),
+        scenario(cmd::zel_decryptHubToken, "zel_decryptHubToken",
+                 "decrypt the hub token with the EC key at --index, store it at 1"),
+        scenario(cmd::zel_genAuthKey, "zel_genAuthKey",
+                 "ECDH of the EC key at --index with the cloud's public key"),
+        scenario(cmd::zel_getHubID, "zel_getHubID", "identity of the hub token at --index", 1, 1),
+        scenario(cmd::zel_getCmacKey, "zel_getCmacKey",
+                 "receive and transmit CMAC keys of the hub token at --index", 1, 1),
+        scenario(cmd::zel_aesEncrypt, "zel_aesEncrypt",
+                 "AES-256-CBC encryption with the key at --index", 2, 2),
+        scenario(cmd::zel_aesDecrypt, "zel_aesDecrypt",
+                 "AES-256-CBC decryption with the key at --index", 2, 2),
+        scenario(cmd::zel_compareData, "zel_compareData",
+                 "compare 32 bytes with the key at --index", 2, 2),
     };
     return entries;
 }
