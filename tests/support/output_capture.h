@@ -1,8 +1,10 @@
-// Captures what the code under test writes to stdout, as lines.
+// Captures what the code under test writes to stdout, as lines. GoogleTest reports failed
+// assertions on stdout too, so whatever was captured is echoed to stderr once a test has failed.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -11,17 +13,22 @@ class OutputCapture {
   public:
     OutputCapture() { testing::internal::CaptureStdout(); }
     ~OutputCapture() {
-        if (!taken_) testing::internal::GetCapturedStdout();
+        if (!taken_) release();
     }
     std::vector<std::string> lines() {
-        taken_ = true;
-        std::istringstream text(testing::internal::GetCapturedStdout());
+        std::istringstream text(release());
         std::vector<std::string> out;
         for (std::string line; std::getline(text, line);) out.push_back(line);
         return out;
     }
 
   private:
+    std::string release() {
+        taken_ = true;
+        std::string text = testing::internal::GetCapturedStdout();
+        if (testing::Test::HasFailure()) std::cerr << text;
+        return text;
+    }
     bool taken_ = false;
 };
 

@@ -1,0 +1,307 @@
+// The crypto and hub commands end to end, every output checked by OpenSSL in the test itself
+// rather than by the vault's own code.
+#include <gtest/gtest.h>
+
+#include <openssl/core_names.h>
+#include <openssl/ec.h>
+#include <openssl/evp.h>
+#include <openssl/kdf.h>
+#include <openssl/rand.h>
+#include <openssl/x509.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "output_capture.h"
+#include "support/test_vectors.h"
+#include "vault_fixture.h"
+#include "wsm_encoding.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Pkey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
+constexpr int32_t kNoData = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
+
+int32_t asResult(TEEC_Result result) {
+    return static_cast<int32_t>(result);
+}
+
+Bytes fromHex(const char* hex) {
+    Bytes bytes(std::strlen(hex) / 2);
+    unsigned int size = static_cast<unsigned int>(bytes.size());
+    hex_str_2_bin(bytes.data(), hex, &size, static_cast<unsigned int>(std::strlen(hex)));
+    return bytes;
+}
+
+Pkey newEcKey() {
+    return Pkey(EVP_EC_gen("P-256"), EVP_PKEY_free);
+}
+
+Bytes privateDer(EVP_PKEY* key) {
+    Bytes der(static_cast<size_t>(i2d_PrivateKey(key, nullptr)));
+    unsigned char* cursor = der.data();
+    i2d_PrivateKey(key, &cursor);
+    return der;
+}
+
+Bytes publicSpki(EVP_PKEY* key) {
+    Bytes der(static_cast<size_t>(i2d_PUBKEY(key, nullptr)));
+    unsigned char* cursor = der.data();
+    i2d_PUBKEY(key, &cursor);
+    return der;
+}
+
+Bytes derive(EVP_PKEY* own, EVP_PKEY* peer) {
+    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(own, nullptr),
+                                                                    EVP_PKEY_CTX_free);
+    size_t length = 0;
+    EVP_PKEY_derive_init(ctx.get());
+    EVP_PKEY_derive_set_peer(ctx.get(), peer);
+    EVP_PKEY_derive(ctx.get(), nullptr, &length);
+    Bytes secret(length);
+    EVP_PKEY_derive(ctx.get(), secret.data(), &length);
+    return secret;
+}
+
+Bytes hkdf(const Bytes& secret, const std::string& info) {
+    std::unique_ptr<EVP_KDF, decltype(&EVP_KDF_free)> kdf(EVP_KDF_fetch(nullptr, "HKDF", nullptr),
+                                                          EVP_KDF_free);
+    std::unique_ptr<EVP_KDF_CTX, decltype(&EVP_KDF_CTX_free)> ctx(EVP_KDF_CTX_new(kdf.get()),
+                                                                  EVP_KDF_CTX_free);
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string("digest", const_cast<char*>("SHA256"), 0),
+        OSSL_PARAM_construct_octet_string("key", const_cast<uint8_t*>(secret.data()),
+                                          secret.size()),
+        OSSL_PARAM_construct_octet_string("info", const_cast<char*>(info.data()), info.size()),
+        OSSL_PARAM_construct_end()};
+    Bytes key(32);
+    EVP_KDF_derive(ctx.get(), key.data(), key.size(), params);
+    return key;
+}
+
+Bytes cmac(const Bytes& key, const Bytes& message) {
+    std::unique_ptr<EVP_MAC, decltype(&EVP_MAC_free)> mac(EVP_MAC_fetch(nullptr, "CMAC", nullptr),
+                                                          EVP_MAC_free);
+    std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> ctx(EVP_MAC_CTX_new(mac.get()),
+                                                                  EVP_MAC_CTX_free);
+    OSSL_PARAM params[] = {
+        OSSL_PARAM_construct_utf8_string("cipher", const_cast<char*>("AES-256-CBC"), 0),
+        OSSL_PARAM_construct_end()};
+    Bytes out(16);
+    size_t length = 0;
+    EVP_MAC_init(ctx.get(), key.data(), key.size(), params);
+    EVP_MAC_update(ctx.get(), message.data(), message.size());
+    EVP_MAC_final(ctx.get(), out.data(), &length, out.size());
+    return out;
+}
+
+// AES-256-GCM with a 16-byte nonce: ciphertext, then the tag.
+Bytes sealGcm(const Bytes& key, const Bytes& nonce, const Bytes& plain) {
+    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
+                                                                        EVP_CIPHER_CTX_free);
+    Bytes out(plain.size() + 16);
+    int written = 0, last = 0;
+    EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr);
+    EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(nonce.size()), nullptr);
+    EVP_EncryptInit_ex(ctx.get(), nullptr, nullptr, key.data(), nonce.data());
+    EVP_EncryptUpdate(ctx.get(), out.data(), &written, plain.data(),
+                      static_cast<int>(plain.size()));
+    EVP_EncryptFinal_ex(ctx.get(), out.data() + written, &last);
+    EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_GET_TAG, 16, out.data() + plain.size());
+    return out;
+}
+
+Bytes cbcDecrypt(const Bytes& key, const uint8_t* iv, const uint8_t* body, size_t size) {
+    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
+                                                                        EVP_CIPHER_CTX_free);
+    Bytes out(size + 16);
+    int written = 0, last = 0;
+    EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv);
+    EVP_DecryptUpdate(ctx.get(), out.data(), &written, body, static_cast<int>(size));
+    EVP_DecryptFinal_ex(ctx.get(), out.data() + written, &last);
+    out.resize(static_cast<size_t>(written + last));
+    return out;
+}
+
+// A handed-out buffer, freed with the test.
+struct Out {
+    unsigned char* data = nullptr;
+    unsigned int size = 0;
+    ~Out() { std::free(data); }
+    Bytes bytes() const { return data ? Bytes(data, data + size) : Bytes(); }
+};
+
+class CryptoCommandsTest : public VaultFixture {
+  protected:
+    void storeEcKey(int index, EVP_PKEY* key) {
+        Bytes der = privateDer(key);
+        ASSERT_EQ(vault.zel_storeKey(index, 5, der.data(), static_cast<unsigned int>(der.size())),
+                  0);
+    }
+    CaZelInterface vault{zel_test};
+    OutputCapture output;
+};
+
+TEST_F(CryptoCommandsTest, AesThroughTheVaultMatchesNistSp800_38A) {
+    Bytes key = fromHex("603DEB1015CA71BE2B73AEF0857D77811F352C073B6108D72D9810A30914DFF4");
+    Bytes iv = fromHex("000102030405060708090A0B0C0D0E0F");
+    Bytes message = fromHex(
+        "6BC1BEE22E409F96E93D7E117393172AAE2D8A571E03AC9C9EB76FAC45AF8E51"
+        "30C81C46A35CE411E5FBC1191A0A52EFF69F2445DF4F9B17AD2B417BE66C3710");
+    ASSERT_EQ(vault.zel_storeKey(9, 6, key.data(), 32), 0);
+    Out encrypted, decrypted;
+    ASSERT_EQ(vault.zel_aesEncrypt(9, 1, 32, 1, iv.data(), 16, message.data(), 64, &encrypted.data,
+                                   &encrypted.size),
+              0);
+    ASSERT_EQ(encrypted.size, 80u);
+    EXPECT_EQ(Bytes(encrypted.data, encrypted.data + 64),
+              fromHex("F58C4C04D6E5F1BA779EABFB5F7BFBD69CFC4E967EDB808D679F777BC6702C7D"
+                      "39F23369A9D9BACFA530E26304231461B2EB05E2C39BE9FCDA6C19078C6A9D1B"));
+    ASSERT_EQ(vault.zel_aesDecrypt(9, 1, 32, 1, iv.data(), 16, encrypted.data, encrypted.size,
+                                   &decrypted.data, &decrypted.size),
+              0);
+    EXPECT_EQ(decrypted.bytes(), message);
+
+    // An option the vault does not implement fails the command; a reply command says GENERIC.
+    Out none;
+    EXPECT_EQ(vault.zel_aesEncrypt(9, 0, 32, 1, iv.data(), 16, message.data(), 64, &none.data,
+                                   &none.size),
+              kGeneric);
+    EXPECT_EQ(output.lines().back(),
+              "TEEC_InvokeCommand() failed for cmd = 35, result = 4294901770, retOrigin = 4");
+    EXPECT_EQ(none.data, nullptr);
+}
+
+TEST_F(CryptoCommandsTest, SignaturesVerifyAndAuthKeysMatchOpenSsl) {
+    Pkey device = newEcKey();
+    storeEcKey(5, device.get());
+    Bytes digest(32);
+    RAND_bytes(digest.data(), 32);
+    Out signature;
+    ASSERT_EQ(
+        vault.zel_ecdsaCreateSignature(5, 2, digest.data(), 32, &signature.data, &signature.size),
+        0);
+    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> verify(
+        EVP_PKEY_CTX_new(device.get(), nullptr), EVP_PKEY_CTX_free);
+    ASSERT_EQ(EVP_PKEY_verify_init(verify.get()), 1);
+    EXPECT_EQ(EVP_PKEY_verify(verify.get(), signature.data, signature.size, digest.data(), 32), 1);
+
+    Pkey peer = newEcKey();
+    Bytes peerSpki = publicSpki(peer.get());
+    Out shared;
+    ASSERT_EQ(vault.zel_genAuthKey(5, peerSpki.data(), static_cast<unsigned int>(peerSpki.size()),
+                                   &shared.data, &shared.size),
+              0);
+    EXPECT_EQ(shared.bytes(), derive(peer.get(), device.get()));
+
+    Bytes notAKey(91, 0x30);
+    Out none;
+    EXPECT_EQ(vault.zel_genAuthKey(5, notAKey.data(), 91, &none.data, &none.size), kGeneric);
+    EXPECT_EQ(vault.zel_ecdsaCreateSignature(5, 2, digest.data(), 0, &none.data, &none.size), -13);
+}
+
+TEST_F(CryptoCommandsTest, HubTokenOpensToItsIdentityAndKeysAndATamperedOneStoresNothing) {
+    Pkey device = newEcKey();
+    Pkey cloud = newEcKey();
+    storeEcKey(5, device.get());
+    const Bytes tokenKey = hkdf(derive(cloud.get(), device.get()), "zel hub token");
+    Bytes plain(16 + 32 + 20);
+    RAND_bytes(plain.data(), static_cast<int>(plain.size()));
+    const Bytes id(plain.begin(), plain.begin() + 16);
+    const Bytes hubKey(plain.begin() + 16, plain.begin() + 48);
+    Bytes nonce(16);
+    RAND_bytes(nonce.data(), 16);
+    Bytes sealed = sealGcm(tokenKey, nonce, plain);
+    Bytes cloudSpki = publicSpki(cloud.get());
+    const auto size = [](const Bytes& b) { return static_cast<unsigned int>(b.size()); };
+
+    ASSERT_EQ(vault.zel_decryptHubToken(5, 7, sealed.data(), size(sealed), nonce.data(), 16,
+                                        cloudSpki.data(), size(cloudSpki)),
+              0);
+    Out hubId, mac, rx, tx;
+    ASSERT_EQ(vault.zel_getHubID(7, &hubId.data, &hubId.size), 0);
+    EXPECT_EQ(hubId.bytes(), id);
+    Bytes message(32, 0x5c);
+    ASSERT_EQ(vault.zel_getCMACwithHubToken(7, 1, message.data(), 32, &mac.data, &mac.size), 0);
+    EXPECT_EQ(mac.bytes(), cmac(hubKey, message));
+    ASSERT_EQ(vault.zel_getCmacKey(7, &rx.data, &rx.size, &tx.data, &tx.size), 0);
+    EXPECT_EQ(rx.bytes(), cmac(hubKey, Bytes{'z', 'e', 'l', ' ', 'r', 'x', ' ', 'k', 'e', 'y'}));
+    EXPECT_EQ(tx.bytes(), cmac(hubKey, Bytes{'z', 'e', 'l', ' ', 't', 'x', ' ', 'k', 'e', 'y'}));
+
+    sealed[3] ^= 0x01;
+    EXPECT_EQ(vault.zel_decryptHubToken(5, 8, sealed.data(), size(sealed), nonce.data(), 16,
+                                        cloudSpki.data(), size(cloudSpki)),
+              asResult(TEEC_ERROR_SECURITY));
+    Out missing;
+    EXPECT_EQ(vault.zel_getHubID(8, &missing.data, &missing.size), kGeneric);
+    EXPECT_EQ(output.lines().back(),
+              "TEEC_InvokeCommand() failed for cmd = 15, result = 4294901768, retOrigin = 4");
+
+    // Every input is required; the first empty one ends the call before any session.
+    EXPECT_EQ(
+        vault.zel_decryptHubToken(5, 8, sealed.data(), size(sealed), nonce.data(), 16, nullptr, 91),
+        -13);
+}
+
+TEST_F(CryptoCommandsTest, DecryptByKeyStoresThePlaintextInASlot) {
+    Bytes key = fromHex(zel::vectors::kAesKey);
+    Bytes input = fromHex(zel::vectors::kDecryptByKeyInput);
+    ASSERT_EQ(input.size(), 146u);
+    ASSERT_EQ(vault.zel_storeKey(2, 6, key.data(), 32), 0);
+    ASSERT_EQ(vault.zel_decryptByKey(6, 2, 1, 2, 1, input.data(), 146), 0);
+    Out slot;
+    ASSERT_EQ(vault.zel_get(6, &slot.data, &slot.size), 0);
+    const Bytes expected = cbcDecrypt(key, input.data() + 2, input.data() + 18, 128);
+    EXPECT_EQ(slot.size, (static_cast<unsigned int>(input[0]) << 8) | input[1]);
+    EXPECT_EQ(slot.bytes(), expected);
+
+    // Not a reply command: the TEE's own code comes back.
+    EXPECT_EQ(vault.zel_decryptByKey(6, 2, 1, 1, 1, input.data(), 146),
+              asResult(TEEC_ERROR_NOT_SUPPORTED));
+    // A length that does not match the plaintext, then padding that does not check out.
+    for (size_t damaged : {size_t{1}, size_t{129}}) {
+        Bytes bad = input;
+        bad[damaged] ^= 0xFF;
+        EXPECT_EQ(vault.zel_decryptByKey(7, 2, 1, 2, 1, bad.data(), 146),
+                  asResult(TEEC_ERROR_BAD_FORMAT))
+            << damaged;
+    }
+    EXPECT_EQ(vault.zel_checkDataExistence(7, 0), asResult(TEEC_ERROR_ITEM_NOT_FOUND));
+}
+
+TEST_F(CryptoCommandsTest, ScriptedRepliesAndFailedInvocations) {
+    std::vector<uint8_t> block(128);
+    zel::wsm::Writer reply(block.data(), 128);
+    const uint8_t rxKey[16] = {1};
+    reply.putUint(16);
+    reply.put(zel::wsm::kBlob, rxKey, 16);
+    reply.putUint(0);
+    reply.put(zel::wsm::kBlob, nullptr, 0);
+    block.resize(reply.position() + 4);
+    ASSERT_EQ(control.scriptReply(zel_test, 0x10, 1, block), TEEC_SUCCESS);
+    Out rx, tx;
+    EXPECT_EQ(vault.zel_getCmacKey(1, &rx.data, &rx.size, &tx.data, &tx.size), kNoData);
+    EXPECT_EQ(rx.data, nullptr);
+    EXPECT_EQ(tx.data, nullptr);
+    EXPECT_EQ(output.lines().back(), "Data null from zelTA");
+
+    for (uint32_t command : {0x0a, 0x0b, 0x0e})
+        ASSERT_EQ(control.failInvocations(zel_test, command, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+                  TEEC_SUCCESS);
+    Bytes data(146, 1);
+    Out shared;
+    EXPECT_EQ(vault.zel_genAuthKey(1, data.data(), 91, &shared.data, &shared.size), kGeneric);
+    EXPECT_EQ(vault.zel_decryptByKey(1, 2, 1, 2, 1, data.data(), 146), asResult(TEEC_ERROR_BUSY));
+    EXPECT_EQ(vault.zel_decryptHubToken(1, 1, data.data(), 16, data.data(), 16, data.data(), 91),
+              asResult(TEEC_ERROR_BUSY));
+    // No empty-input check: an empty message is sent and the TA answers for it.
+    Out mac;
+    EXPECT_EQ(vault.zel_getCMACwithHubToken(1, 1, data.data(), 0, &mac.data, &mac.size), kGeneric);
+}
+
+}  // namespace

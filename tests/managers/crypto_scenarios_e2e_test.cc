@@ -1,0 +1,113 @@
+// The crypto and hub scenarios of the general manager, transcript by transcript, against
+// zel-vaultd with the fixed vectors.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "output_capture.h"
+#include "support/test_vectors.h"
+#include "vault_fixture.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+class CryptoScenariosTest : public VaultFixture {
+  protected:
+    int32_t run(int dataType, int command, int index, Lines* lines = nullptr) {
+        OutputCapture output;
+        const int32_t result = CaManager(dataType, command, zel_test, index).SendDataToZel();
+        const Lines printed = output.lines();
+        if (lines) *lines = printed;
+        return result;
+    }
+};
+
+TEST_F(CryptoScenariosTest, AesDecryptWithTheSecondVectorSet) {
+    ASSERT_EQ(run(2, 7, 4), 0);  // the AES key the vectors were made with, at 4
+    Lines lines;
+    EXPECT_EQ(run(2, 36, 4, &lines), 0);
+    EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 36",
+                            "CaManager zel_aesDecrypt", "index: 4", "padding: 1", "keySize: 32",
+                            "aesMode: 1", "ivSize: 16", "iv: " + lower(zel::vectors::kAesIv),
+                            "dataSize: 48", "data: " + lower(zel::vectors::kAesCiphertext),
+                            "CA Interface: zel_aesDecrypt", "TEE connection has been set",
+                            "decDataSize: 32", "decData: " + lower(zel::vectors::kAesPlaintext)}));
+    EXPECT_EQ(run(2, 35, 4, &lines), 0);
+    EXPECT_EQ(Lines(lines.end() - 2, lines.end()),
+              (Lines{"encDataSize: 48", "encData: " + lower(zel::vectors::kAesCiphertext)}));
+    EXPECT_EQ(run(2, 37, 4, &lines), 0);
+    EXPECT_EQ(lines[4], "dataSize: 32");
+}
+
+TEST_F(CryptoScenariosTest, FillFailuresAndRandomDataAreReportedBeforeAnyInput) {
+    Lines lines;
+    EXPECT_EQ(run(1, 35, 4, &lines), kGeneric);
+    EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 35",
+                            "CaManager zel_aesEncrypt", "Unknown data type",
+                            "fill_zel_aesEncrypt return error"}));
+    for (int dataType : {0, 1}) {
+        EXPECT_EQ(run(dataType, 37, 4, &lines), kGeneric);
+        EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 37",
+                                "CaManager zel_compareData", "Unknown data type"}));
+    }
+    // Random data: one line per buffer, then the inputs; no key at 4 fails the command.
+    EXPECT_EQ(run(0, 35, 4, &lines), kGeneric);
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 6),
+              (Lines{"CaManager zel_aesEncrypt", "Data successfully generated",
+                     "Data successfully generated", "index: 4"}));
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const std::string& l) { return l.rfind("encData", 0) == 0; }),
+              0);
+}
+
+TEST_F(CryptoScenariosTest, HubScenariosWithTheFirstVectorSet) {
+    ASSERT_EQ(run(1, 7, 3), 0);  // the device key the hub token was sealed for
+    Lines lines;
+    EXPECT_EQ(run(1, 11, 3, &lines), 0);
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 5),
+              (Lines{"CaManager zel_decryptHubToken", "c_index: 3", "storeIndex: 1"}));
+    EXPECT_EQ(lines[7], "ivSize: 16");
+    EXPECT_EQ(lines[10], "cloudPubkey: " + std::string(zel::vectors::kCloudEcPublicKey));
+    EXPECT_EQ(lines.back(), "TEE connection has been set");  // no output lines
+
+    // The data type does not matter to these two.
+    EXPECT_EQ(run(7, 15, 1, &lines), 0);
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 4),
+              (Lines{"CaManager zel_getHubID", "c_index: 1"}));
+    EXPECT_EQ(lines[lines.size() - 2], "hubIDSize: 16");
+    EXPECT_EQ(run(7, 16, 1, &lines), 0);
+    EXPECT_EQ(lines[2], "CaManager zel_getCmacKey");
+    EXPECT_EQ(lines[3], "CA Interface: zel_getCmacKey");
+    EXPECT_EQ(lines[lines.size() - 4], "rxKeySize: 16");
+    EXPECT_EQ(lines[lines.size() - 2], "txKeySize: 16");
+
+    EXPECT_EQ(run(1, 8, 1, &lines), 0);
+    EXPECT_EQ(lines[lines.size() - 2], "cmacSize: 16");
+    EXPECT_EQ(run(1, 9, 3, &lines), 0);
+    EXPECT_EQ(lines[4], "type: 2");
+    EXPECT_EQ(run(1, 14, 3, &lines), 0);
+    EXPECT_EQ(lines[lines.size() - 2], "sharedKeySize: 32");
+}
+
+TEST_F(CryptoScenariosTest, DecryptByKeyPrintsNoOutputAndAGetShowsThePlaintext) {
+    ASSERT_EQ(run(2, 7, 2), 0);
+    Lines lines;
+    EXPECT_EQ(run(1, 10, 6, &lines), 0);
+    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 9),
+              (Lines{"CaManager zel_decryptByKey", "index: 6", "skIndex: 2", "padding: 1",
+                     "key_size: 2", "aesmode: 1", "encDataSize: 146"}));
+    EXPECT_EQ(lines.back(), "TEE connection has been set");
+    EXPECT_EQ(run(1, 2, 6, &lines), 0);
+    EXPECT_EQ(lines[lines.size() - 2], "uDataSize: 120");
+}
+
+}  // namespace
