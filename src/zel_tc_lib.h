@@ -2,8 +2,11 @@
 #pragma once
 
 #include "interface/ca_zel_interface.h"
+#include "interface/ca_zel_interface_sp.h"
+#include "interface/zel_result.h"
 #include "interface/zel_ta_ids.h"
 #include "managers/ca_manager.h"
+#include "managers/ca_manager_sp.h"
 #include "suites/entry_points.h"
 #include "suites/ze_test.h"
 #include "support/byte_helpers.h"

@@ -64,7 +64,8 @@ int32_t CaZelInterface::zel_generateKey(int index, int key_opt) {
 }
 
 int32_t CaZelInterface::zel_getSlotInfo(int index, unsigned char* status, unsigned int* dataSize) {
-    zel::GeneralCall call(uuid, cmd::zel_getSlotInfo, false, {WsmField::Int(index)}, true);
+    zel::CommandCall call =
+        zel::generalCall(uuid, cmd::zel_getSlotInfo, false, {WsmField::Int(index)}, true);
     if (call.status() != 0) return call.status();
     // The reads are not checked: whatever the TA wrote, the command has succeeded.
     int reported = 0;

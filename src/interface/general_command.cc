@@ -9,26 +9,10 @@
 
 namespace zel {
 
-GeneralCall::GeneralCall(const TEEC_UUID& uuid, uint32_t commandId, bool emptyInput,
-                         std::initializer_list<WsmField> request, bool readsReply) {
-    logLine("CA Interface: ", generalCommandName(commandId));
-    if (emptyInput) {
-        logLine("Empty parameters");
-        status_ = kEmptyParameters;
-        return;
-    }
-    exchange_.emplace(uuid);
-    if (!exchange_->isOpen()) {
-        status_ = static_cast<int32_t>(ZelExchange::kNotConnected);
-        return;
-    }
-    if (request.size() != 0 && !exchange_->write(request)) {
-        status_ = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
-        return;
-    }
-    const TEEC_Result result = exchange_->invoke(commandId);
-    if (result != TEEC_SUCCESS)
-        status_ = static_cast<int32_t>(readsReply ? TEEC_ERROR_GENERIC : result);
+CommandCall generalCall(const TEEC_UUID& uuid, uint32_t commandId, bool emptyInput,
+                        std::initializer_list<WsmField> request, bool readsReply) {
+    return CommandCall(kGeneralFamily, generalCommandName(commandId), uuid, commandId, emptyInput,
+                       request, readsReply);
 }
 
 int32_t handOutBuffers(CQeruWsm& reply, std::initializer_list<BufferOut> outputs,
@@ -61,7 +45,7 @@ int32_t handOutBuffers(CQeruWsm& reply, std::initializer_list<BufferOut> outputs
 int32_t runGeneralCommand(const TEEC_UUID& uuid, uint32_t commandId, bool emptyInput,
                           std::initializer_list<WsmField> request,
                           std::initializer_list<BufferOut> outputs, const char* missingMessage) {
-    GeneralCall call(uuid, commandId, emptyInput, request, outputs.size() != 0);
+    CommandCall call = generalCall(uuid, commandId, emptyInput, request, outputs.size() != 0);
     if (call.status() != 0 || outputs.size() == 0) return call.status();
     return handOutBuffers(call.reply(), outputs, missingMessage);
 }

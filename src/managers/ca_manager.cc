@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "interface/ca_zel_interface.h"
-#include "interface/general_command.h"
+#include "interface/command_call.h"
 #include "interface/zel_ta_ids.h"
 #include "support/byte_helpers.h"
 #include "support/data_place_holder.h"

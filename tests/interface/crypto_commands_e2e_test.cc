@@ -17,7 +17,7 @@
 #include "output_capture.h"
 #include "support/test_vectors.h"
 #include "vault_fixture.h"
-#include "wsm_encoding.h"
+#include "wsm_message.h"
 #include "zel_tc_lib.h"
 
 namespace {
@@ -275,15 +275,10 @@ TEST_F(CryptoCommandsTest, DecryptByKeyStoresThePlaintextInASlot) {
 }
 
 TEST_F(CryptoCommandsTest, ScriptedRepliesAndFailedInvocations) {
-    std::vector<uint8_t> block(128);
-    zel::wsm::Writer reply(block.data(), 128);
-    const uint8_t rxKey[16] = {1};
-    reply.putUint(16);
-    reply.put(zel::wsm::kBlob, rxKey, 16);
-    reply.putUint(0);
-    reply.put(zel::wsm::kBlob, nullptr, 0);
-    block.resize(reply.position() + 4);
-    ASSERT_EQ(control.scriptReply(zel_test, 0x10, 1, block), TEEC_SUCCESS);
+    const Bytes rxKey(16, 1);
+    ASSERT_EQ(control.scriptReply(zel_test, 0x10, 1,
+                                  WsmMessage().u(16).blob(rxKey).u(0).blob(Bytes()).bytes()),
+              TEEC_SUCCESS);
     Out rx, tx;
     EXPECT_EQ(vault.zel_getCmacKey(1, &rx.data, &rx.size, &tx.data, &tx.size), kNoData);
     EXPECT_EQ(rx.data, nullptr);

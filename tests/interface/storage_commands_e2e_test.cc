@@ -13,7 +13,7 @@
 
 #include "output_capture.h"
 #include "vault_fixture.h"
-#include "wsm_encoding.h"
+#include "wsm_message.h"
 #include "zel_tc_lib.h"
 
 namespace {
@@ -46,22 +46,6 @@ Bytes opensslEcKey() {
     i2d_PrivateKey(key.get(), &cursor);
     return der;
 }
-
-// A reply message in the codec's encoding, for the control TA to put in the vault's place.
-class Message {
-  public:
-    Message& i(int32_t value) { return writer_.putInt(value), *this; }
-    Message& u(uint32_t value) { return writer_.putUint(value), *this; }
-    Message& blob(const Bytes& data) {
-        writer_.put(zel::wsm::kBlob, data.data(), static_cast<uint32_t>(data.size()));
-        return *this;
-    }
-    Bytes bytes() const { return Bytes(block_.begin(), block_.begin() + writer_.position() + 4); }
-
-  private:
-    Bytes block_ = Bytes(512);
-    zel::wsm::Writer writer_{block_.data(), 512};
-};
 
 class StorageCommandsTest : public VaultFixture {
   protected:
@@ -162,7 +146,7 @@ TEST_F(StorageCommandsTest, RequestLargerThanTheBlockIsNotSent) {
 }
 
 TEST_F(StorageCommandsTest, RepliesWithoutDataAreReportedAndHandOutNothing) {
-    ASSERT_EQ(control.scriptReply(zel_test, 0x02, 1, Message().u(0).blob({}).bytes()),
+    ASSERT_EQ(control.scriptReply(zel_test, 0x02, 1, WsmMessage().u(0).blob(Bytes()).bytes()),
               TEEC_SUCCESS);
     unsigned char sentinel = 0;
     unsigned char* data = &sentinel;
@@ -172,12 +156,12 @@ TEST_F(StorageCommandsTest, RepliesWithoutDataAreReportedAndHandOutNothing) {
     EXPECT_EQ(size, 0u);
 
     // A length with no blob behind it.
-    ASSERT_EQ(control.scriptReply(zel_test, 0x0c, 1, Message().u(32).bytes()), TEEC_SUCCESS);
+    ASSERT_EQ(control.scriptReply(zel_test, 0x0c, 1, WsmMessage().u(32).bytes()), TEEC_SUCCESS);
     unsigned char* hash = nullptr;
     EXPECT_EQ(vault.zel_getHash(3, 0, &hash, &size), kNoData);
     EXPECT_EQ(hash, nullptr);
 
-    ASSERT_EQ(control.scriptReply(zel_test, 0x2d, 1, Message().i(0x1FF).u(241).bytes()),
+    ASSERT_EQ(control.scriptReply(zel_test, 0x2d, 1, WsmMessage().i(0x1FF).u(241).bytes()),
               TEEC_SUCCESS);
     unsigned char status = 0;
     ASSERT_EQ(vault.zel_getSlotInfo(3, &status, &size), 0);

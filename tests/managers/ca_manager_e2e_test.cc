@@ -8,7 +8,7 @@
 #include "output_capture.h"
 #include "support/test_vectors.h"
 #include "vault_fixture.h"
-#include "wsm_encoding.h"
+#include "wsm_message.h"
 #include "zel_tc_lib.h"
 
 namespace {
@@ -72,12 +72,9 @@ TEST_F(CaManagerTest, GetOnAnEmptySlotPrintsNoData) {
                      "retOrigin = 4"}));
 
     // A TA that answers with an empty slot instead.
-    std::vector<uint8_t> block(64);
-    zel::wsm::Writer reply(block.data(), 64);
-    reply.putUint(0);
-    reply.put(zel::wsm::kBlob, nullptr, 0);
-    block.resize(reply.position() + 4);
-    ASSERT_EQ(control.scriptReply(zel_test, 0x02, 1, block), TEEC_SUCCESS);
+    ASSERT_EQ(control.scriptReply(zel_test, 0x02, 1,
+                                  WsmMessage().u(0).blob(std::vector<uint8_t>()).bytes()),
+              TEEC_SUCCESS);
     EXPECT_EQ(run(1, 2, 9, lines), static_cast<int32_t>(TEEC_ERROR_NO_DATA));
     EXPECT_EQ(lines.back(), "Data null from TA");
 }

@@ -1,6 +1,7 @@
 #include "catalogue.h"
 
 #include <cstdlib>
+#include <iostream>
 
 #include "managers/ca_manager.h"
 #include "zel_tc_lib.h"
@@ -19,17 +20,100 @@ int32_t runTestLifetime(const StepInput&) {
     return test_lifetime();
 }
 
+int32_t runTestProcessInspection(const StepInput&) {
+    return test_process_inspection();
+}
+
+// Passes everything written to a stream on to where it went before, and keeps the last line, so
+// that zel-tc can judge an entry point that reports its outcome only as text.
+class LastLineTee : public std::streambuf {
+  public:
+    explicit LastLineTee(std::ostream& stream) : stream_(stream), target_(stream.rdbuf(this)) {}
+    ~LastLineTee() override { stream_.rdbuf(target_); }
+    const std::string& lastLine() const { return last_; }
+
+  private:
+    int overflow(int c) override {
+        if (c == traits_type::eof()) return traits_type::not_eof(c);
+        if (c == '\n') {
+            last_ = current_;
+            current_.clear();
+        } else {
+            current_ += static_cast<char>(c);
+        }
+        return target_->sputc(static_cast<char>(c));
+    }
+    int sync() override { return target_->pubsync(); }
+
+    std::ostream& stream_;
+    std::streambuf* target_;
+    std::string current_, last_;
+};
+
+int32_t runTestGetInfo(const StepInput&) {
+    LastLineTee tee(std::cout);
+    test_get_info();
+    return tee.lastLine() == "test_get_info successfully completed"
+               ? 0
+               : static_cast<int32_t>(TEEC_ERROR_GENERIC);
+}
+
 int32_t runScenario(const StepInput& input) {
     CaManager manager(input.dataType, input.argument, input.uuid, input.index);
     return manager.SendDataToZel();
 }
 
-// A general scenario: its number is its command number, which is also what it is run with.
+int32_t runSecureProcessorScenario(const StepInput& input) {
+    CaManagerSp manager(input.argument);
+    manager.SetPARAM(input.param);
+    return manager.SendDataToZel();
+}
+
+// The two commands no scenario sends; what they hand back goes to zel-tc's own stream.
+int32_t runUpdateFirmware(const StepInput& input) {
+    std::string system, app;
+    ZelResult record{};
+    const int32_t result =
+        CaZelInterfaceSp(zel_test_a).ze_updateFW(input.param, system, app, &record);
+    if (result == 0)
+        std::cerr << "zel-tc: system version " << system << ", app version " << app << "\n"
+                  << zelResultToStr(record) << std::endl;
+    return result;
+}
+
+int32_t runFirmwareInformation(const StepInput&) {
+    unsigned int words[10] = {};
+    const int32_t result = CaZelInterfaceSp(zel_test_a).ze_getFWInfo(words, 10);
+    if (result == 0) {
+        std::cerr << "zel-tc: firmware words";
+        for (unsigned int word : words) std::cerr << " " << word;
+        std::cerr << std::endl;
+    }
+    return result;
+}
+
+// An entry run once, with nothing but its own number.
+constexpr CatalogueEntry single(uint32_t number, const char* name, const char* title,
+                                int32_t (*run)(const StepInput&), int32_t expected = 0) {
+    return {number, name, title, run, 0, 0, 0, 0, expected};
+}
+
+// A raw suite: run with its ZETest selector, or each of a range of them.
+constexpr CatalogueEntry rawSuite(uint32_t number, const char* name, const char* title,
+                                  int firstSelector, int lastSelector) {
+    return {number, name, title, runZeTest, firstSelector, lastSelector, 0, 0, 0};
+}
+
+// A scenario: its number is its command number, which is also what it is run with.
 constexpr CatalogueEntry scenario(uint32_t command, const char* name, const char* title,
                                   int dataType = 1, int index = 3) {
-    return {
-        command,  name, title, runScenario, static_cast<int>(command), static_cast<int>(command),
-        dataType, index};
+    const int selector = static_cast<int>(command);
+    return {command, name, title, runScenario, selector, selector, dataType, index, 0};
+}
+
+constexpr CatalogueEntry secureProcessor(uint32_t command, const char* name, const char* title) {
+    const int selector = static_cast<int>(command);
+    return {command, name, title, runSecureProcessorScenario, selector, selector, 0, 0, 0};
 }
 
 // The plan, in order: a row names a step and the test data and slot it runs with.
@@ -75,6 +159,23 @@ constexpr PlanRow kPlan[] = {
     {"zel_generateKey", 1, kGeneratedKeySlot},
     {"zel_deleteKey", 1, kGeneratedKeySlot},
     {"zel_delete", 1, kDataSlot},
+    {"zel_akProvision", 0, 0},
+    {"zel_checkZelAk", 0, 0},
+    {"zel_getPublicKeyStatus", 0, 0},
+    {"zel_akProvisionRPMB", 0, 0},
+    {"zel_getInfo", 0, 0},
+    {"zel_getAppInfo", 0, 0},
+    {"zel_getFWInfo", 0, 0},
+    {"ze_getFWInfo", 0, 0},
+    {"zel_getHackInfo", 0, 0},
+    {"zel_selfTestAll", 0, 0},
+    {"test_process_inspection", 0, 0},
+    {"test_get_info", 0, 0},
+    {"zel_updateFW", 0, 0},
+    {"ze_updateFW", 0, 0},
+    {"zel_forceRecovery", 0, 0},
+    {"zel_forceRecoverySP", 0, 0},
+    {"zel_removeAkKeys", 0, 0},
 };
 
 bool parseNumber(const std::string& word, long& value) {
@@ -88,7 +189,8 @@ Step makeStep(const CatalogueEntry& entry, int argument, const Overrides& overri
     std::string name = entry.name;
     if (entry.takesArgument()) name += " " + std::to_string(argument);
     StepInput input{argument, overrides.dataType.value_or(entry.dataType),
-                    overrides.index.value_or(entry.index), overrides.uuid.value_or(zel_test)};
+                    overrides.index.value_or(entry.index), overrides.param.value_or(0),
+                    overrides.uuid.value_or(zel_test)};
     return {&entry, name, input};
 }
 
@@ -113,16 +215,26 @@ const CatalogueEntry* find(const std::string& word) {
 const std::vector<CatalogueEntry>& catalogue() {
     // The raw suites' selectors are ZETest's: 0 lifecycle, 1 heavy load, 2 process, 3-17 BIST.
     static const std::vector<CatalogueEntry> entries = {
-        {501, "lifecycle", "command 0 up to 1000 times over one session, stops at the 5th failure",
-         runZeTest, 0, 0, 0, 0},
-        {502, "heavyload", "ten commands over one session, result is the failure mask", runZeTest,
-         1, 1, 0, 0},
-        {503, "process", "nine commands over one session, result is the failure mask", runZeTest, 2,
-         2, 0, 0},
-        {504, "bist", "built-in self-test of one command, sent with an empty request", runZeTest,
-         kFirstBistCommand, kLastBistCommand, 0, 0},
-        {505, "test_lifetime", "exported entry point: command 0 once over a fresh session",
-         runTestLifetime, 0, 0, 0, 0},
+        rawSuite(501, "lifecycle",
+                 "command 0 up to 1000 times over one session, stops at the 5th failure", 0, 0),
+        rawSuite(502, "heavyload", "ten commands over one session, result is the failure mask", 1,
+                 1),
+        rawSuite(503, "process", "nine commands over one session, result is the failure mask", 2,
+                 2),
+        rawSuite(504, "bist", "built-in self-test of one command, sent with an empty request",
+                 kFirstBistCommand, kLastBistCommand),
+        single(505, "test_lifetime", "exported entry point: command 0 once over a fresh session",
+               runTestLifetime),
+        single(506, "test_process_inspection",
+               "exported entry point: the secure processor's self-test, 1 when it passed",
+               runTestProcessInspection, 1),
+        single(507, "test_get_info", "exported entry point: the secure processor's information",
+               runTestGetInfo),
+        single(cmd::ze_updateFW, "ze_updateFW",
+               "firmware update with --param; shows the result record and versions",
+               runUpdateFirmware),
+        single(cmd::ze_getFWInfo, "ze_getFWInfo", "firmware information words (command 0x13)",
+               runFirmwareInformation),
         scenario(cmd::zel_put, "zel_put", "store 241 bytes of test data in slot --index"),
         scenario(cmd::zel_get, "zel_get", "read slot --index back"),
         scenario(cmd::zel_delete, "zel_delete", "delete slot --index"),
@@ -154,6 +266,23 @@ const std::vector<CatalogueEntry>& catalogue() {
                  "AES-256-CBC decryption with the key at --index", 2, 2),
         scenario(cmd::zel_compareData, "zel_compareData",
                  "compare 32 bytes with the key at --index", 2, 2),
+        secureProcessor(cmd::zel_checkZelAk, "zel_checkZelAk",
+                        "check the AK public key text against the provisioned one"),
+        secureProcessor(cmd::zel_akProvision, "zel_akProvision",
+                        "provision the 540-character AK public key text"),
+        secureProcessor(cmd::zel_akProvisionRPMB, "zel_akProvisionRPMB", "provision RPMB"),
+        secureProcessor(cmd::zel_getPublicKeyStatus, "zel_getPublicKeyStatus",
+                        "whether an AK public key is provisioned"),
+        secureProcessor(cmd::zel_getInfo, "zel_getInfo", "the secure processor's information"),
+        secureProcessor(cmd::zel_getAppInfo, "zel_getAppInfo", "its application information"),
+        secureProcessor(cmd::zel_updateFW, "zel_updateFW", "firmware update with --param"),
+        secureProcessor(cmd::zel_selfTestAll, "zel_selfTestAll", "self-test of the processor"),
+        secureProcessor(cmd::zel_getHackInfo, "zel_getHackInfo", "hack status bytes"),
+        secureProcessor(cmd::zel_getFWInfo, "zel_getFWInfo", "firmware information words"),
+        secureProcessor(cmd::zel_forceRecovery, "zel_forceRecovery", "forced recovery"),
+        secureProcessor(cmd::zel_forceRecoverySP, "zel_forceRecoverySP",
+                        "forced recovery of the secure processor"),
+        secureProcessor(cmd::zel_removeAkKeys, "zel_removeAkKeys", "remove the AK keys"),
     };
     return entries;
 }

@@ -17,6 +17,7 @@ struct StepInput {
     int argument = 0;
     int dataType = 0;
     int index = 0;
+    int param = 0;
     TEEC_UUID uuid{};
 };
 
@@ -29,6 +30,7 @@ struct CatalogueEntry {
     int lastArgument;   // equal to firstArgument for a step without one
     int dataType;       // a scenario's default test data and slot
     int index;
+    int32_t expected;  // the result that passes: 0, but 1 for an entry point that says "passed"
     bool takesArgument() const { return firstArgument != lastArgument; }
 };
 
@@ -42,6 +44,7 @@ struct Step {
 struct Overrides {
     std::optional<int> dataType;
     std::optional<int> index;
+    std::optional<int> param;
     std::optional<TEEC_UUID> uuid;
 };
 

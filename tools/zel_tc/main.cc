@@ -39,10 +39,14 @@ int runSteps(const std::vector<zel::tc::Step>& steps) {
     int passed = 0, failed = 0;
     for (const zel::tc::Step& step : steps) {
         const int32_t result = step.entry->run(step.input);
-        const bool pass = result == 0;
+        const bool pass = result == step.entry->expected;
         (pass ? passed : failed)++;
-        say(std::string(pass ? "PASS " : "FAIL ") + std::to_string(step.entry->number) + " " +
-            step.name + " result " + zel::tc::describeResult(static_cast<uint32_t>(result)));
+        std::string verdict = std::string(pass ? "PASS " : "FAIL ") +
+                              std::to_string(step.entry->number) + " " + step.name + " result " +
+                              zel::tc::describeResult(static_cast<uint32_t>(result));
+        if (step.entry->expected != 0)
+            verdict += " (passes with " + std::to_string(step.entry->expected) + ")";
+        say(verdict);
     }
     std::ostringstream summary;
     summary << passed << " passed, " << failed << " failed";
@@ -71,6 +75,7 @@ int main(int argc, char** argv) {
     run->add_option("--data-type", overrides.dataType,
                     "Test data of the scenarios: 0 random, 1 or 2 a fixed vector set");
     run->add_option("--index", overrides.index, "Slot or key index of the scenarios");
+    run->add_option("--param", overrides.param, "Parameter of the firmware update (default 0)");
     run->add_option("--uuid", uuidText, "TA of the scenarios: zel_test, zel_test_a or a UUID");
 
     int exitCode = 0;
