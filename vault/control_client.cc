@@ -80,4 +80,9 @@ TEEC_Result VaultControl::scriptReply(const TEEC_UUID& ta, uint32_t command, uin
     return send(kControlScriptReply, command, count, 0, 0, ta, &message);
 }
 
+TEEC_Result VaultControl::setSecureProcessor(uint32_t item,
+                                             const std::vector<uint8_t>& value) const {
+    return send(kControlSetSecureProcessor, item, 0, 0, 0, TEEC_UUID{}, &value);
+}
+
 }  // namespace zel::vault

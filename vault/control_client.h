@@ -29,6 +29,10 @@ class VaultControl {
     TEEC_Result scriptReply(const TEEC_UUID& ta, uint32_t command, uint32_t count,
                             const std::vector<uint8_t>& message) const;
 
+    // Replaces one of the secure processor's answers: an item of SecureProcessorTa (firmware
+    // words, hack status, update result record, system or app version text).
+    TEEC_Result setSecureProcessor(uint32_t item, const std::vector<uint8_t>& value) const;
+
   private:
     TEEC_Result send(uint32_t command, uint32_t target, uint32_t count, uint32_t what,
                      uint32_t origin, const TEEC_UUID& ta,

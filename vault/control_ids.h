@@ -2,7 +2,8 @@
 // Present only when zel-vaultd runs with --control. Every command takes four parameters:
 //   params[0] = value {a: command id, b: count (0: until reset)}
 //   params[1] = value {a: result, b: origin}, or for kStallInvoke {a: milliseconds}, or for
-//               kScriptReply a partial input memory reference holding the reply message
+//               kScriptReply a partial input memory reference holding the reply message, or for
+//               kSetSecureProcessor one holding the item's new value (params[0].a: the item)
 //   params[2], params[3] = values: the target TA's UUID as four 32-bit words (see uuidWords)
 #pragma once
 
@@ -17,16 +18,28 @@ inline constexpr TEEC_UUID kControlUuid = {
     0x5a454c00, 0xc0de, 0x4c7e, {0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01}};
 
 enum ControlCommand : uint32_t {
-    kControlReset = 0,            // disarm every fault and clear TA state
-    kControlFailInvoke = 1,       // next invocations of (uuid, command) return (result, origin)
-    kControlFailOpenSession = 2,  // next sessions opened to uuid fail with (result, origin)
-    kControlFailAllocation = 3,   // next shared-memory allocations fail with (result, origin)
-    kControlStallInvoke = 4,      // next invocations of (uuid, command) first wait milliseconds
-    kControlScriptReply = 5,      // next invocations of (uuid, command) answer success with this
-                                  // message in the block, in the TA's place
+    kControlReset = 0,               // disarm every fault and clear TA state
+    kControlFailInvoke = 1,          // next invocations of (uuid, command) return (result, origin)
+    kControlFailOpenSession = 2,     // next sessions opened to uuid fail with (result, origin)
+    kControlFailAllocation = 3,      // next shared-memory allocations fail with (result, origin)
+    kControlStallInvoke = 4,         // next invocations of (uuid, command) first wait milliseconds
+    kControlScriptReply = 5,         // next invocations of (uuid, command) answer success with this
+                                     // message in the block, in the TA's place
+    kControlSetSecureProcessor = 6,  // replace one of the secure processor's answers (an item
+                                     // of SecureProcessorTa: firmware words, hack status, update
+                                     // result record, version texts)
 };
 
 inline constexpr uint32_t kControlMaxStallMs = 60000;
+
+// The secure processor's answers that kSetSecureProcessor replaces.
+enum SecureProcessorAnswer : uint32_t {
+    kAnswerFirmwareWords = 3,  // 32-bit little-endian words, at most 1024
+    kAnswerHackStatus = 4,     // bytes, at most 256; any non-zero byte reports a hack
+    kAnswerUpdateResult = 5,   // the 8-byte result record: zelCode, firmwareCode
+    kAnswerSystemVersion = 6,  // version texts, at most 256 bytes each
+    kAnswerAppVersion = 7,
+};
 
 inline std::array<uint32_t, 4> uuidWords(const TEEC_UUID& uuid) {
     auto bytesWord = [&](int first) {

@@ -27,18 +27,23 @@ TaResult invalid() {
 
 }  // namespace
 
-void addControlTa(TaRegistry& registry, FaultPlan& faults, std::function<void()> resetState) {
+void addControlTa(TaRegistry& registry, FaultPlan& faults, ControlHooks hooks) {
     registry.add(kControlUuid, "control",
-                 [&faults, resetState](uint32_t command, TaOperation& op) -> TaResult {
+                 [&faults, hooks](uint32_t command, TaOperation& op) -> TaResult {
                      if (command == kControlReset) {
                          faults.reset();
-                         if (resetState) resetState();
+                         if (hooks.resetState) hooks.resetState();
                          return {};
+                     }
+                     const auto& p = op.params;
+                     if (command == kControlSetSecureProcessor) {
+                         if (op.paramTypes != kScriptTypes || !hooks.setAnswer) return invalid();
+                         return {hooks.setAnswer(p[0].a, {p[1].buffer, p[1].buffer + p[1].size}),
+                                 TEEC_ORIGIN_TRUSTED_APP};
                      }
                      const auto kind = kArmingCommands.find(command);
                      if (kind == kArmingCommands.end())
                          return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TRUSTED_APP};
-                     const auto& p = op.params;
                      const bool stall = kind->second == FaultPlan::Kind::kStall;
                      const bool script = kind->second == FaultPlan::Kind::kScriptedReply;
                      if (op.paramTypes != (script ? kScriptTypes : kValueTypes)) return invalid();

@@ -80,6 +80,13 @@ TEEC_Result checkEcPrivateKey(const Bytes& der) {
     return parsePrivateKey(der) ? TEEC_SUCCESS : openSslFailure(TEEC_ERROR_BAD_FORMAT);
 }
 
+TEEC_Result checkRsaPublicKey(const Bytes& der) {
+    const unsigned char* cursor = der.data();
+    const Pkey key(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &cursor, static_cast<long>(der.size())));
+    return key && cursor == der.data() + der.size() ? TEEC_SUCCESS
+                                                    : openSslFailure(TEEC_ERROR_BAD_FORMAT);
+}
+
 TEEC_Result sha256(const Bytes& data, Bytes& digest) {
     std::unique_ptr<EVP_MD_CTX, MdCtxFree> ctx(EVP_MD_CTX_new());
     digest.assign(32, 0);

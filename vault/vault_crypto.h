@@ -14,6 +14,9 @@ using Bytes = std::vector<uint8_t>;
 
 // TEEC_SUCCESS when der is an RFC 5915 ECPrivateKey on P-256; TEEC_ERROR_BAD_FORMAT otherwise.
 TEEC_Result checkEcPrivateKey(const Bytes& der);
+// TEEC_SUCCESS when der is a PKCS #1 RSAPublicKey and nothing else; TEEC_ERROR_BAD_FORMAT
+// otherwise.
+TEEC_Result checkRsaPublicKey(const Bytes& der);
 TEEC_Result sha256(const Bytes& data, Bytes& digest);
 TEEC_Result randomBytes(size_t count, Bytes& out);
 // A new P-256 key as an RFC 5915 ECPrivateKey.

@@ -29,7 +29,8 @@ constexpr const char* kSchema =
     "CREATE TABLE IF NOT EXISTS slots (idx INTEGER PRIMARY KEY, data BLOB NOT NULL);"
     "CREATE TABLE IF NOT EXISTS keys (idx INTEGER PRIMARY KEY, type INTEGER NOT NULL,"
     "                                 material BLOB NOT NULL);"
-    "CREATE TABLE IF NOT EXISTS hub_tokens (idx INTEGER PRIMARY KEY, token BLOB NOT NULL);";
+    "CREATE TABLE IF NOT EXISTS hub_tokens (idx INTEGER PRIMARY KEY, token BLOB NOT NULL);"
+    "CREATE TABLE IF NOT EXISTS secure_processor (item INTEGER PRIMARY KEY, value BLOB NOT NULL);";
 
 }  // namespace
 
@@ -78,14 +79,16 @@ VaultStorage::~VaultStorage() {
 
 TEEC_Result VaultStorage::exec(const char* sql, std::initializer_list<Value> parameters,
                                Expect expect, std::vector<Value>* row) {
+    std::lock_guard<std::mutex> oneStatementAtATime(lock_);
     Statement statement(db_, sql);
     if (statement.code() != SQLITE_OK) return resultFromSqlite(statement.code());
     int position = 1;
     for (const Value& parameter : parameters) {
-        // Integers are bound as integers, everything else (even empty) as a blob.
+        // An empty blob is bound as a zero-length blob: a null pointer would bind SQL NULL.
         const int code =
-            parameter.blob.empty()
-                ? sqlite3_bind_int64(statement.get(), position, parameter.integer)
+            !parameter.isBlob ? sqlite3_bind_int64(statement.get(), position, parameter.integer)
+            : parameter.blob.empty()
+                ? sqlite3_bind_zeroblob(statement.get(), position, 0)
                 : sqlite3_bind_blob(statement.get(), position, parameter.blob.data(),
                                     static_cast<int>(parameter.blob.size()), SQLITE_TRANSIENT);
         if (code != SQLITE_OK) return resultFromSqlite(code);
@@ -112,24 +115,24 @@ TEEC_Result VaultStorage::exec(const char* sql, std::initializer_list<Value> par
 TEEC_Result VaultStorage::readSlot(int32_t index, Bytes& data) {
     std::vector<Value> row;
     const TEEC_Result result =
-        exec("SELECT data FROM slots WHERE idx = ?", {{index, {}}}, Expect::kRow, &row);
+        exec("SELECT data FROM slots WHERE idx = ?", {integer(index)}, Expect::kRow, &row);
     if (result == TEEC_SUCCESS) data = std::move(row[0].blob);
     return result;
 }
 
 TEEC_Result VaultStorage::writeSlot(int32_t index, const Bytes& data) {
-    return exec("INSERT OR REPLACE INTO slots (idx, data) VALUES (?, ?)", {{index, {}}, {0, data}},
-                Expect::kNothing);
+    return exec("INSERT OR REPLACE INTO slots (idx, data) VALUES (?, ?)",
+                {integer(index), blob(data)}, Expect::kNothing);
 }
 
 TEEC_Result VaultStorage::eraseSlot(int32_t index) {
-    return exec("DELETE FROM slots WHERE idx = ?", {{index, {}}}, Expect::kChange);
+    return exec("DELETE FROM slots WHERE idx = ?", {integer(index)}, Expect::kChange);
 }
 
 TEEC_Result VaultStorage::readKey(int32_t index, StoredKey& key) {
     std::vector<Value> row;
     const TEEC_Result result =
-        exec("SELECT type, material FROM keys WHERE idx = ?", {{index, {}}}, Expect::kRow, &row);
+        exec("SELECT type, material FROM keys WHERE idx = ?", {integer(index)}, Expect::kRow, &row);
     if (result == TEEC_SUCCESS)
         key = {static_cast<int32_t>(row[0].integer), std::move(row[1].blob)};
     return result;
@@ -137,30 +140,49 @@ TEEC_Result VaultStorage::readKey(int32_t index, StoredKey& key) {
 
 TEEC_Result VaultStorage::writeKey(int32_t index, const StoredKey& key) {
     return exec("INSERT OR REPLACE INTO keys (idx, type, material) VALUES (?, ?, ?)",
-                {{index, {}}, {key.type, {}}, {0, key.material}}, Expect::kNothing);
+                {integer(index), integer(key.type), blob(key.material)}, Expect::kNothing);
 }
 
 TEEC_Result VaultStorage::eraseKey(int32_t index) {
-    return exec("DELETE FROM keys WHERE idx = ?", {{index, {}}}, Expect::kChange);
+    return exec("DELETE FROM keys WHERE idx = ?", {integer(index)}, Expect::kChange);
 }
 
 TEEC_Result VaultStorage::readHubToken(int32_t index, Bytes& token) {
     std::vector<Value> row;
     const TEEC_Result result =
-        exec("SELECT token FROM hub_tokens WHERE idx = ?", {{index, {}}}, Expect::kRow, &row);
+        exec("SELECT token FROM hub_tokens WHERE idx = ?", {integer(index)}, Expect::kRow, &row);
     if (result == TEEC_SUCCESS) token = std::move(row[0].blob);
     return result;
 }
 
 TEEC_Result VaultStorage::writeHubToken(int32_t index, const Bytes& token) {
     return exec("INSERT OR REPLACE INTO hub_tokens (idx, token) VALUES (?, ?)",
-                {{index, {}}, {0, token}}, Expect::kNothing);
+                {integer(index), blob(token)}, Expect::kNothing);
+}
+
+TEEC_Result VaultStorage::readItem(int32_t item, Bytes& value) {
+    std::vector<Value> row;
+    const TEEC_Result result = exec("SELECT value FROM secure_processor WHERE item = ?",
+                                    {integer(item)}, Expect::kRow, &row);
+    if (result == TEEC_SUCCESS) value = std::move(row[0].blob);
+    return result;
+}
+
+TEEC_Result VaultStorage::writeItem(int32_t item, const Bytes& value) {
+    return exec("INSERT OR REPLACE INTO secure_processor (item, value) VALUES (?, ?)",
+                {integer(item), blob(value)}, Expect::kNothing);
+}
+
+TEEC_Result VaultStorage::eraseItem(int32_t item) {
+    return exec("DELETE FROM secure_processor WHERE item = ?", {integer(item)}, Expect::kNothing);
 }
 
 TEEC_Result VaultStorage::clear() {
-    const int code = sqlite3_exec(
-        db_, "BEGIN; DELETE FROM slots; DELETE FROM keys; DELETE FROM hub_tokens; COMMIT;", nullptr,
-        nullptr, nullptr);
+    std::lock_guard<std::mutex> oneStatementAtATime(lock_);
+    const int code = sqlite3_exec(db_,
+                                  "BEGIN; DELETE FROM slots; DELETE FROM keys; DELETE FROM "
+                                  "hub_tokens; DELETE FROM secure_processor; COMMIT;",
+                                  nullptr, nullptr, nullptr);
     if (code != SQLITE_OK) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
     return resultFromSqlite(code);
 }

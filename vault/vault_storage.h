@@ -1,7 +1,7 @@
 // The vault's secure storage: data slots and keys by index, in SQLite. Every change is one
 // statement in its own transaction, committed (synchronous=FULL) before the command answers, so a
 // command that returned success survives a kill -9 of the daemon when the store is a file. The
-// default store is in memory. Not thread-safe: the vault TA runs one command at a time.
+// default store is in memory. Thread-safe: the TAs that share it run one statement at a time.
 #pragma once
 
 #include <tee_client_api.h>
@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,10 @@ class VaultStorage {
     // Decrypted hub tokens, by the index they were stored under.
     TEEC_Result readHubToken(int32_t index, Bytes& token);
     TEEC_Result writeHubToken(int32_t index, const Bytes& token);
+    // The secure processor's state, one value (possibly empty) per item.
+    TEEC_Result readItem(int32_t item, Bytes& value);
+    TEEC_Result writeItem(int32_t item, const Bytes& value);
+    TEEC_Result eraseItem(int32_t item);
     TEEC_Result clear();
 
   private:
@@ -49,7 +54,10 @@ class VaultStorage {
     struct Value {
         int64_t integer = 0;
         Bytes blob;
+        bool isBlob = false;
     };
+    static Value integer(int64_t value) { return {value, {}, false}; }
+    static Value blob(const Bytes& value) { return {0, value, true}; }
     enum class Expect { kNothing, kRow, kChange };
 
     explicit VaultStorage(sqlite3* db) : db_(db) {}
@@ -57,6 +65,7 @@ class VaultStorage {
                      std::vector<Value>* row = nullptr);
 
     sqlite3* db_;
+    std::mutex lock_;
 };
 
 // The one place where an SQLite result becomes a GP result.

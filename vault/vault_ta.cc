@@ -8,33 +8,6 @@
 
 namespace zel::vault {
 
-// Reads a request field by field. The first field that is missing or of the wrong type makes the
-// request malformed, and every later read yields nothing.
-class RequestFields {
-  public:
-    explicit RequestFields(wsm::Reader reader) : reader_(reader) {}
-
-    int32_t integer() {
-        int32_t value = 0;
-        ok_ = ok_ && reader_.getInt(value);
-        return value;
-    }
-    // A length field and the blob of that length that follows it.
-    Bytes sizedBlob() {
-        uint32_t length = 0;
-        ok_ = ok_ && reader_.getUint(length);
-        const uint8_t* bytes = ok_ ? reader_.get(wsm::kBlob, length) : nullptr;
-        ok_ = ok_ && bytes;
-        return ok_ ? Bytes(bytes, bytes + length) : Bytes();
-    }
-    // Every field was there and nothing follows them.
-    bool complete() const { return ok_ && reader_.peek() == wsm::kEnd; }
-
-  private:
-    wsm::Reader reader_;
-    bool ok_ = true;
-};
-
 namespace {
 
 using Handler = TEEC_Result (VaultTa::*)(RequestFields&, wsm::Writer&);
@@ -105,22 +78,11 @@ bool validIndex(int32_t index) {
     return index >= 0 && index <= VaultTa::kMaxIndex;
 }
 
-// A reply of one length-prefixed buffer.
-TEEC_Result replyBuffer(wsm::Writer& out, const Bytes& data) {
-    if (!out.putUint(static_cast<uint32_t>(data.size())) ||
-        !out.put(wsm::kBlob, data.data(), static_cast<uint32_t>(data.size())))
-        return TEEC_ERROR_SHORT_BUFFER;
-    return TEEC_SUCCESS;
-}
-
 }  // namespace
 
 TaResult VaultTa::invoke(uint32_t command, TaOperation& operation) {
+    if (!isOneBlock(operation)) return {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP};
     const TaParam& block = operation.params[0];
-    const bool oneBlock =
-        TEEC_PARAM_TYPE_GET(operation.paramTypes, 0) == TEEC_MEMREF_PARTIAL_INOUT &&
-        (operation.paramTypes >> 4) == 0 && block.size >= sizeof(uint32_t);
-    if (!oneBlock) return {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP};
     if (!selfTestIds().count(command)) return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TRUSTED_APP};
 
     wsm::Reader reader(block.buffer, block.size);
@@ -388,8 +350,8 @@ TEEC_Result VaultTa::getCMACwithHubToken(RequestFields& in, wsm::Writer& out) {
     return status != TEEC_SUCCESS ? status : replyBuffer(out, mac);
 }
 
-void addVaultTa(TaRegistry& registry, VaultTa& vault) {
-    registry.add(zel_test, "vault", [&vault](uint32_t command, TaOperation& operation) {
+TrustedApp& addVaultTa(TaRegistry& registry, VaultTa& vault) {
+    return registry.add(zel_test, "vault", [&vault](uint32_t command, TaOperation& operation) {
         return vault.invoke(command, operation);
     });
 }

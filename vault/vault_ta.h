@@ -9,13 +9,12 @@
 
 #include <cstdint>
 
+#include "request_fields.h"
 #include "trusted_app.h"
 #include "vault_storage.h"
 #include "wsm_encoding.h"
 
 namespace zel::vault {
-
-class RequestFields;
 
 class VaultTa {
   public:
@@ -61,6 +60,6 @@ class VaultTa {
 };
 
 // Registers the TA; vault must outlive the registry's use of it.
-void addVaultTa(TaRegistry& registry, VaultTa& vault);
+TrustedApp& addVaultTa(TaRegistry& registry, VaultTa& vault);
 
 }  // namespace zel::vault

@@ -11,9 +11,10 @@
 
 #include "control_ta.h"
 #include "fault_plan.h"
+#include "interface/zel_ta_ids.h"
+#include "secure_processor_ta.h"
 #include "server.h"
 #include "teec_wire.h"
-#include "interface/zel_ta_ids.h"
 #include "vault_storage.h"
 #include "vault_ta.h"
 
@@ -55,15 +56,23 @@ int main(int argc, char** argv) {
         return 1;
     }
     VaultTa vault(*storage);
+    SecureProcessorTa secureProcessor(*storage);
     TaRegistry registry;
     FaultPlan faults;
-    addVaultTa(registry, vault);
+    TrustedApp& vaultApp = addVaultTa(registry, vault);
+    TrustedApp& secureProcessorApp = addSecureProcessorTa(registry, secureProcessor);
     if (control) {
-        TrustedApp& vaultApp = *registry.find(zel::wire::uuidBytes(zel_test));
-        addControlTa(registry, faults, [&vault, &vaultApp] {
-            std::lock_guard<std::mutex> oneAtATime(vaultApp.lock);
+        // Each waits for the TA it changes to finish its command.
+        ControlHooks hooks;
+        hooks.resetState = [&] {
+            std::scoped_lock oneAtATime(vaultApp.lock, secureProcessorApp.lock);
             vault.reset();
-        });
+        };
+        hooks.setAnswer = [&](uint32_t item, const std::vector<uint8_t>& value) {
+            std::lock_guard<std::mutex> oneAtATime(secureProcessorApp.lock);
+            return secureProcessor.setAnswer(item, value);
+        };
+        addControlTa(registry, faults, hooks);
     }
 
     Server server(socketPath, registry, faults);

@@ -75,7 +75,14 @@ TEEC_Result TEEC_InvokeCommand(TEEC_Session*, uint32_t commandID, TEEC_Operation
                                uint32_t* returnOrigin) {
     calls.push_back("InvokeCommand");
     const size_t index = recorder::invocations.size();
-    recorder::invocations.push_back({commandID, *operation});
+    std::vector<uint8_t> block;
+    const TEEC_SharedMemory* parent = operation->params[0].memref.parent;
+    if (TEEC_PARAM_TYPE_GET(operation->paramTypes, 0) >= TEEC_MEMREF_WHOLE && parent &&
+        parent->buffer) {
+        const auto* start = static_cast<const uint8_t*>(parent->buffer);
+        block.assign(start, start + parent->size);
+    }
+    recorder::invocations.push_back({commandID, *operation, block});
     const recorder::Answer answer =
         script.invoke ? script.invoke(commandID, index) : recorder::Answer{};
     *returnOrigin = answer.origin;

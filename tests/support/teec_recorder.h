@@ -19,6 +19,7 @@ struct Answer {
 struct Invocation {
     uint32_t command;
     TEEC_Operation operation;
+    std::vector<uint8_t> block;  // what the first memory reference held when invoked
 };
 
 struct Script {

@@ -62,6 +62,26 @@ TEST_F(StoragePersistenceTest, SlotsSurviveKillAndRestart) {
     EXPECT_EQ(vault.zel_checkDataExistence(3, 0), 0);
 }
 
+TEST_F(StoragePersistenceTest, SecureProcessorStateSurvivesKillAndRestart) {
+    std::string error;
+    ASSERT_TRUE(startDaemon(error)) << error;
+    OutputCapture output;
+    std::vector<unsigned char> key(540);
+    ASSERT_EQ(DataPlaceHolder::fill_zel_publicKey(1, key.data(), 540), TEEC_SUCCESS);
+    CaZelInterfaceSp secureProcessor(zel_test_a);
+    ASSERT_EQ(secureProcessor.zel_akProvision(key.data(), 540), 0);
+    daemon_->kill();
+
+    ASSERT_TRUE(startDaemon(error)) << error;
+    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), 0);
+    ASSERT_EQ(secureProcessor.zel_removeAkKeys(), 0);
+    ASSERT_TRUE(daemon_->stop());
+
+    ASSERT_TRUE(startDaemon(error)) << error;
+    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(),
+              static_cast<int32_t>(TEEC_ERROR_ITEM_NOT_FOUND));
+}
+
 TEST_F(StoragePersistenceTest, DamagedStoreIsRefused) {
     std::ofstream(storage_) << std::string(4096, '\x5a');
     std::string error;

@@ -1,9 +1,14 @@
 #include "vault_commands.h"
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
+#include <sstream>
+#include <vector>
 
 #include "control_client.h"
+#include "control_ids.h"
+#include "support/byte_helpers.h"
 #include "tee_names.h"
 #include "uuid_arg.h"
 
@@ -83,6 +88,98 @@ int sendVerb(const ControlVerb& verb, const ControlArguments& arguments) {
     return 1;
 }
 
+// The secure processor's answers as typed: one option per answer, each text read into its bytes.
+struct AnswerOption {
+    const char* flag;
+    const char* help;
+    uint32_t item;
+    bool (*read)(const std::string& text, std::vector<uint8_t>& value);
+};
+
+void appendWord(std::vector<uint8_t>& bytes, uint32_t word) {
+    for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(word >> (8 * i)));
+}
+
+// Comma-separated numbers (decimal, 0x hex, or negative) as little-endian 32-bit words.
+bool readWords(const std::string& text, std::vector<uint8_t>& value) {
+    std::istringstream list(text);
+    for (std::string item; std::getline(list, item, ',');) {
+        try {
+            size_t used = 0;
+            const long long number = std::stoll(item, &used, 0);
+            if (used != item.size() || number < INT32_MIN || number > UINT32_MAX) return false;
+            appendWord(value, static_cast<uint32_t>(number));
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool readHex(const std::string& text, std::vector<uint8_t>& value) {
+    unsigned int size = static_cast<unsigned int>(text.size() / 2);
+    value.resize(size);
+    return hex_str_2_bin(value.data(), text.c_str(), &size,
+                         static_cast<unsigned int>(text.size())) == 0;
+}
+
+bool readText(const std::string& text, std::vector<uint8_t>& value) {
+    value.assign(text.begin(), text.end());
+    return true;
+}
+
+bool readRecord(const std::string& text, std::vector<uint8_t>& value) {
+    return readWords(text, value) && value.size() == 8;
+}
+
+const AnswerOption kAnswers[] = {
+    {"--firmware-words", "Firmware information: comma-separated 32-bit words (empty: none)",
+     vault::kAnswerFirmwareWords, readWords},
+    {"--hack-status", "Hack status bytes in hexadecimal (empty: none; non-zero: a hack)",
+     vault::kAnswerHackStatus, readHex},
+    {"--update-result", "The update's result record: ZEL,FIRMWARE codes, e.g. 1,-51",
+     vault::kAnswerUpdateResult, readRecord},
+    {"--system-version", "System version text an update reports", vault::kAnswerSystemVersion,
+     readText},
+    {"--app-version", "App version text an update reports", vault::kAnswerAppVersion, readText},
+};
+
+void addAnswerCommand(CLI::App& vaultApp, int& exitCode) {
+    auto* sub = vaultApp.add_subcommand(
+        "answer", "Set what the secure processor (zel_test_a) answers; each option given is set");
+    auto socket = std::make_shared<std::string>();
+    auto texts = std::make_shared<std::vector<std::string>>(std::size(kAnswers));
+    sub->add_option("--socket", *socket, "The daemon's socket (default: the default TEE)");
+    for (size_t i = 0; i < std::size(kAnswers); ++i)
+        sub->add_option(kAnswers[i].flag, (*texts)[i], kAnswers[i].help);
+    sub->callback([sub, socket, texts, &exitCode] {
+        const vault::VaultControl control(*socket);
+        exitCode = 0;
+        if (std::none_of(std::begin(kAnswers), std::end(kAnswers),
+                         [sub](const AnswerOption& answer) { return sub->count(answer.flag); })) {
+            std::cerr << "zel-tc: vault answer: nothing to set (see --help)" << std::endl;
+            exitCode = 2;
+        }
+        for (size_t i = 0; i < std::size(kAnswers) && exitCode == 0; ++i) {
+            const AnswerOption& answer = kAnswers[i];
+            if (sub->count(answer.flag) == 0) continue;
+            std::vector<uint8_t> value;
+            if (!answer.read((*texts)[i], value)) {
+                std::cerr << "zel-tc: cannot read " << answer.flag << " " << (*texts)[i]
+                          << std::endl;
+                exitCode = 2;
+                break;
+            }
+            const TEEC_Result result = control.setSecureProcessor(answer.item, value);
+            if (result != TEEC_SUCCESS) {
+                std::cerr << "zel-tc: vault answer " << answer.flag
+                          << " refused: " << describeResult(result) << std::endl;
+                exitCode = 1;
+            }
+        }
+    });
+}
+
 }  // namespace
 
 void addVaultCommands(CLI::App& app, int& exitCode) {
@@ -112,6 +209,7 @@ void addVaultCommands(CLI::App& app, int& exitCode) {
                 ->capture_default_str();
         sub->callback([&verb, arguments, &exitCode] { exitCode = sendVerb(verb, *arguments); });
     }
+    addAnswerCommand(*vaultApp, exitCode);
 }
 
 }  // namespace zel::tc

@@ -1,0 +1,162 @@
+// The secure-processor scenarios and the inspection entry points, transcript by transcript.
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+
+#include "output_capture.h"
+#include "vault_fixture.h"
+#include "wsm_message.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
+
+std::vector<uint8_t> words(const std::vector<uint32_t>& values) {
+    std::vector<uint8_t> bytes;
+    for (uint32_t value : values)
+        for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    return bytes;
+}
+
+using CaManagerSpTest = VaultFixture;
+
+TEST_F(CaManagerSpTest, FirmwareInformationPrintsTenSignedWords) {
+    ASSERT_EQ(control.scriptReply(
+                  zel_test_a, 0x28, 1,
+                  WsmMessage().u(10).blob(words({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})).bytes()),
+              TEEC_SUCCESS);
+    OutputCapture output;
+    EXPECT_EQ(CaManagerSp(0x28).SendDataToZel(), 0);
+    Lines expected = {"Ca ManagerSp created",        "CA ManagerSp SendDataToZel: 40",
+                      "CaManagerSp zel_getFWInfo",   "CA InterfaceSP: zel_getFWInfo",
+                      "TEE connection has been set", "FW info:"};
+    for (int i = 0; i < 10; ++i)
+        expected.push_back(std::to_string(i) + ": " + std::to_string(i + 1));
+    EXPECT_EQ(output.lines(), expected);
+
+    // Fewer words: the rest print as 0; a word with the top bit set prints signed.
+    ASSERT_EQ(control.scriptReply(zel_test_a, 0x28, 1,
+                                  WsmMessage().u(2).blob(words({0xFFFFFFFF, 7})).bytes()),
+              TEEC_SUCCESS);
+    ASSERT_EQ(control.failInvocations(zel_test_a, 0x28, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    OutputCapture more;
+    CaManagerSp manager(0x28);
+    EXPECT_EQ(manager.SendDataToZel(), static_cast<int32_t>(TEEC_ERROR_BUSY));
+    EXPECT_EQ(manager.SendDataToZel(), 0);
+    const Lines lines = more.lines();
+    EXPECT_EQ(Lines(lines.begin() + 5, lines.begin() + 7),
+              (Lines{"TEEC_InvokeCommand() failed for cmd = 40, result = 4294901773, retOrigin = 3",
+                     "FW info is not available"}));
+    EXPECT_EQ(Lines(lines.end() - 10, lines.end() - 7), (Lines{"0: -1", "1: 7", "2: 0"}));
+}
+
+TEST_F(CaManagerSpTest, HackStatusAndKeyScenarios) {
+    ASSERT_EQ(control.scriptReply(
+                  zel_test_a, 0x27, 1,
+                  WsmMessage().i(4).blob(std::vector<uint8_t>{0xAA, 0xBB, 0xCC, 0xDD}).bytes()),
+              TEEC_SUCCESS);
+    OutputCapture output;
+    CaManagerSp manager(0x27);
+    EXPECT_EQ(manager.SendDataToZel(), 0);
+    manager.SetCMD(0x18);
+    EXPECT_EQ(manager.SendDataToZel(), 0);
+    const Lines lines = output.lines();
+    EXPECT_EQ(lines[5], "hack status: aabbccdd0000000000");
+    EXPECT_EQ(lines[7], "CaManagerSp zel_akProvision");
+    EXPECT_EQ(lines[8], "publicKeySize: 540");
+    // The key is text: each of its 540 characters printed as two hex digits.
+    EXPECT_EQ(lines[9].size(), std::string("publicKey: ").size() + 1080);
+    EXPECT_EQ(lines[9].rfind("publicKey: 33303832303130", 0), 0u) << lines[9].substr(0, 40);
+    EXPECT_EQ(lines[10], "CA InterfaceSP: zel_akProvision");
+}
+
+TEST_F(CaManagerSpTest, UnknownNumbersOpenNothingAndSetCmdSwitchesTheScenario) {
+    ASSERT_EQ(control.failOpenSession(zel_test_a, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    OutputCapture output;
+    CaManagerSp manager(0x1b);
+    EXPECT_EQ(manager.SendDataToZel(), kGeneric);
+    manager.SetCMD(-1);
+    manager.SetPARAM2(7);
+    EXPECT_EQ(manager.SendDataToZel(), kGeneric);
+    manager.SetCMD(0x2c);
+    EXPECT_NE(manager.SendDataToZel(), 0);  // the session is refused, so it did try
+    const Lines lines = output.lines();
+    EXPECT_EQ(Lines(lines.begin(), lines.begin() + 7),
+              (Lines{"Ca ManagerSp created", "CA ManagerSp SendDataToZel: 27",
+                     "SendDataToZel unknown command", "CA ManagerSp SendDataToZel: -1",
+                     "SendDataToZel unknown command", "CA ManagerSp SendDataToZel: 44",
+                     "CaManagerSp zel_removeAkKeys"}));
+}
+
+TEST_F(CaManagerSpTest, ProcessInspectionSucceedsFailsAndSurvivesAMissingTee) {
+    const Lines opening = {"START TEST PROCESS INSPECTION", "Ca ManagerSp created",
+                           "CA ManagerSp SendDataToZel: 32", "CaManagerSp zel_selfTestAll",
+                           "CA InterfaceSP: zel_selfTestAll"};
+    auto run = [](int& result) {
+        OutputCapture output;
+        result = test_process_inspection();
+        return output.lines();
+    };
+    int result = -1;
+    Lines expected = opening;
+    expected.insert(expected.end(),
+                    {"TEE connection has been set", "[SUCCESS] TEST PROCESS INSPECTION",
+                     "END TEST PROCESS INSPECTION"});
+    EXPECT_EQ(run(result), expected);
+    EXPECT_EQ(result, 1);
+
+    ASSERT_EQ(
+        control.failInvocations(zel_test_a, 0x20, 1, TEEC_ERROR_GENERIC, TEEC_ORIGIN_TRUSTED_APP),
+        TEEC_SUCCESS);
+    expected = opening;
+    expected.insert(expected.end(),
+                    {"TEE connection has been set",
+                     "TEEC_InvokeCommand() failed for cmd = 32, result = 4294901760, retOrigin = 4",
+                     "[FAIL] TEST PROCESS INSPECTION", "END TEST PROCESS INSPECTION"});
+    EXPECT_EQ(run(result), expected);
+    EXPECT_EQ(result, 0);
+
+    daemon.reset();
+    expected = opening;
+    expected.insert(expected.end(),
+                    {"Failed to initialize TEE context, result = 4294901768",
+                     "[FAIL] TEST PROCESS INSPECTION", "END TEST PROCESS INSPECTION"});
+    EXPECT_EQ(run(result), expected);
+    EXPECT_EQ(result, 0);
+}
+
+TEST_F(CaManagerSpTest, GetInfoReportsItsOutcomeAsTextOnly) {
+    {
+        OutputCapture output;
+        test_get_info();
+        EXPECT_EQ(output.lines(),
+                  (Lines{"Ca ManagerSp created", "CA ManagerSp SendDataToZel: 28",
+                         "CaManagerSp zel_getInfo", "CA InterfaceSP: zel_getInfo",
+                         "TEE connection has been set", "test_get_info successfully completed"}));
+    }
+    ASSERT_EQ(control.failInvocations(zel_test_a, 0x1c, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    OutputCapture output;
+    test_get_info();
+    EXPECT_EQ(output.lines().back(), "test_get_info error");
+}
+
+TEST_F(CaManagerSpTest, EntryPointsAreFoundByTheirPlainNames) {
+    void* library = dlopen(ZEL_TC_LIB_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << dlerror();
+    auto lifetime = reinterpret_cast<int (*)()>(dlsym(library, "test_lifetime"));
+    auto inspection = reinterpret_cast<int (*)()>(dlsym(library, "test_process_inspection"));
+    auto info = reinterpret_cast<void (*)()>(dlsym(library, "test_get_info"));
+    ASSERT_TRUE(lifetime && inspection && info);
+    OutputCapture output;
+    EXPECT_EQ(lifetime(), 0);
+    EXPECT_EQ(inspection(), 1);
+    info();
+    EXPECT_EQ(output.lines().back(), "test_get_info successfully completed");
+    dlclose(library);
+}
+
+}  // namespace

@@ -1,0 +1,158 @@
+// The host's secure-processor TA, driven through the library's commands and the control TA.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "output_capture.h"
+#include "secure_processor_ta.h"
+#include "vault_fixture.h"
+#include "wsm_encoding.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Item = zel::vault::SecureProcessorTa::Item;
+constexpr int32_t kNotFound = static_cast<int32_t>(TEEC_ERROR_ITEM_NOT_FOUND);
+constexpr int32_t kSecurity = static_cast<int32_t>(TEEC_ERROR_SECURITY);
+
+class SecureProcessorTaTest : public VaultFixture {
+  protected:
+    void SetUp() override {
+        VaultFixture::SetUp();
+        ASSERT_EQ(DataPlaceHolder::fill_zel_publicKey(1, key.data(), 540), TEEC_SUCCESS);
+    }
+    void set(Item item, const Bytes& value) {
+        ASSERT_EQ(control.setSecureProcessor(item, value), TEEC_SUCCESS);
+    }
+    Bytes hackStatus() {
+        unsigned char status[9];
+        EXPECT_EQ(secureProcessor.zel_getHackInfo(status, 9), 0);
+        return Bytes(status, status + 9);
+    }
+
+    std::vector<unsigned char> key = std::vector<unsigned char>(540);
+    CaZelInterfaceSp secureProcessor{zel_test_a};
+    OutputCapture output;
+};
+
+TEST_F(SecureProcessorTaTest, AkKeyIsProvisionedCheckedBoundAndRemoved) {
+    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), kNotFound);
+    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), kNotFound);
+    EXPECT_EQ(secureProcessor.zel_akProvisionRPMB(), kNotFound);  // nothing to bind yet
+
+    // Text that is not hexadecimal, or hexadecimal that is no RSA public key, is refused.
+    std::vector<unsigned char> bad = key;
+    bad[7] = 'x';
+    EXPECT_EQ(secureProcessor.zel_akProvision(bad.data(), 540),
+              static_cast<int32_t>(TEEC_ERROR_BAD_FORMAT));
+    std::vector<unsigned char> zeros(540, '0');
+    EXPECT_EQ(secureProcessor.zel_akProvision(zeros.data(), 540),
+              static_cast<int32_t>(TEEC_ERROR_BAD_FORMAT));
+    EXPECT_EQ(secureProcessor.zel_akProvision(key.data(), 538),
+              static_cast<int32_t>(TEEC_ERROR_BAD_PARAMETERS));
+    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), kNotFound);
+
+    ASSERT_EQ(secureProcessor.zel_akProvision(key.data(), 540), 0);
+    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), 0);
+    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), 0);
+    std::vector<unsigned char> other = key;
+    other[539] = other[539] == '0' ? '1' : '0';
+    EXPECT_EQ(secureProcessor.zel_checkZelAk(other.data(), 540), kSecurity);
+    EXPECT_EQ(secureProcessor.zel_akProvisionRPMB(), 0);
+
+    EXPECT_EQ(secureProcessor.zel_removeAkKeys(), 0);
+    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), kNotFound);
+    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), kNotFound);
+    EXPECT_EQ(secureProcessor.zel_removeAkKeys(), 0);  // removing nothing is no error
+
+    ASSERT_EQ(secureProcessor.zel_akProvision(key.data(), 540), 0);
+    ASSERT_EQ(control.reset(), TEEC_SUCCESS);  // the reset forgets the key too
+    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), kNotFound);
+}
+
+TEST_F(SecureProcessorTaTest, SelfTestFailsWhileAHackIsReportedUntilTheProcessorRecovers) {
+    EXPECT_EQ(hackStatus(), Bytes(9, 0));
+    EXPECT_EQ(secureProcessor.zel_selfTestAll(), 0);
+
+    set(Item::kHackStatus, {0x00, 0x01, 0x80});
+    EXPECT_EQ(hackStatus(), (Bytes{0x00, 0x01, 0x80, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(secureProcessor.zel_selfTestAll(), kSecurity);
+    EXPECT_EQ(secureProcessor.zel_forceRecovery(), 0);
+    EXPECT_EQ(secureProcessor.zel_selfTestAll(), kSecurity);  // the device's recovery is not it
+    EXPECT_EQ(secureProcessor.zel_forceRecoverySP(), 0);
+    EXPECT_EQ(secureProcessor.zel_selfTestAll(), 0);
+    EXPECT_EQ(hackStatus(), Bytes(9, 0));
+
+    // An empty status reaches the library as a zero length.
+    set(Item::kHackStatus, {});
+    unsigned char status[9];
+    EXPECT_EQ(secureProcessor.zel_getHackInfo(status, 9), static_cast<int32_t>(TEEC_ERROR_NO_DATA));
+}
+
+TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
+    std::string system, app;
+    ZelResult result{7, 7};
+    ASSERT_EQ(secureProcessor.ze_updateFW(0, system, app, &result), 0);
+    EXPECT_EQ(system, "1.0.2");
+    EXPECT_EQ(app, "7.1");
+    EXPECT_EQ(result.zelCode, 0);
+    EXPECT_EQ(result.firmwareCode, 0);
+    EXPECT_EQ(secureProcessor.zel_updateFW(0), 0);
+
+    // A failed update: the report carries its codes, the plain command fails.
+    const int32_t codes[2] = {1, -51};
+    set(Item::kUpdateResult, Bytes(reinterpret_cast<const uint8_t*>(codes),
+                                   reinterpret_cast<const uint8_t*>(codes) + 8));
+    set(Item::kSystemVersion, {'2', '.', '0'});
+    ASSERT_EQ(secureProcessor.ze_updateFW(0, system, app, &result), 0);
+    EXPECT_EQ(system, "2.0");
+    EXPECT_EQ(zelResultToStr(result),
+              "ZEL result is:\n\t\tZEL: ZEL_RET_FAIL\n\t\tFirmware: -IRDO_FW_ERROR");
+    EXPECT_EQ(secureProcessor.zel_updateFW(0), static_cast<int32_t>(TEEC_ERROR_GENERIC));
+
+    set(Item::kAppVersion, {});
+    EXPECT_EQ(secureProcessor.ze_updateFW(0, system, app, &result),
+              static_cast<int32_t>(TEEC_ERROR_COMMUNICATION));
+    EXPECT_EQ(output.lines().back(), "GetUint() app_ver_size error");
+
+    // Only the answers are the control TA's to set, each in its own shape.
+    EXPECT_EQ(control.setSecureProcessor(Item::kUpdateResult, Bytes(7)), TEEC_ERROR_BAD_PARAMETERS);
+    EXPECT_EQ(control.setSecureProcessor(Item::kFirmwareWords, Bytes(6)),
+              TEEC_ERROR_BAD_PARAMETERS);
+    EXPECT_EQ(control.setSecureProcessor(Item::kAkKey, Bytes(540, '0')), TEEC_ERROR_BAD_PARAMETERS);
+    EXPECT_EQ(control.setSecureProcessor(99, Bytes(4)), TEEC_ERROR_BAD_PARAMETERS);
+}
+
+TEST_F(SecureProcessorTaTest, FirmwareInformationIsTheStoredWordsUnderBothIds) {
+    std::vector<unsigned int> info(10, 0xAAAAAAAA);
+    ASSERT_EQ(secureProcessor.zel_getFWInfo(info.data(), 10), 0);
+    EXPECT_EQ(info, (std::vector<unsigned int>{1, 0, 2, 7, 1, 0, 0, 0, 0, 0}));
+
+    set(Item::kFirmwareWords, {0xff, 0xff, 0xff, 0xff, 0x2a, 0, 0, 0});
+    std::vector<unsigned int> two(10, 0);
+    ASSERT_EQ(secureProcessor.ze_getFWInfo(two.data(), 10), 0);
+    EXPECT_EQ(two[0], 0xFFFFFFFFu);
+    EXPECT_EQ(two[1], 42u);
+    EXPECT_EQ(two[2], 0u);
+
+    set(Item::kFirmwareWords, {});
+    EXPECT_EQ(secureProcessor.zel_getFWInfo(info.data(), 10),
+              static_cast<int32_t>(TEEC_ERROR_NO_DATA));
+}
+
+TEST_F(SecureProcessorTaTest, PlainCommandsTakeNoRequestAndUnknownIdsAreNotSupported) {
+    EXPECT_EQ(secureProcessor.zel_getInfo(), 0);
+    EXPECT_EQ(secureProcessor.zel_getAppInfo(), 0);
+    // The vault TA's numbers are not the secure processor's.
+    ZELTEEClient client;
+    ASSERT_TRUE(client.Open(zel_test_a));
+    EXPECT_EQ(client.InvokeCommand(0x00), TEEC_ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(client.InvokeCommand(0x21), TEEC_ERROR_NOT_SUPPORTED);
+    // A plain command with fields in its block is malformed.
+    auto* memory = static_cast<TEEC_SharedMemory*>(client.getSHMPtr());
+    zel::wsm::Writer(static_cast<uint8_t*>(memory->buffer), 8192).putInt(1);
+    EXPECT_EQ(client.InvokeCommand(0x20), TEEC_ERROR_BAD_FORMAT);
+}
+
+}  // namespace
