@@ -5,4 +5,4 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 cmake --preset default
 cmake --build --preset default -j "$(nproc)"
-exec ./build/bin/zel-tc run "$@"
+exec ./build/bin/zel-tc run --all "$@"

@@ -1,5 +1,8 @@
 #include "catalogue.h"
 
+#include <fnmatch.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 
@@ -94,34 +97,43 @@ int32_t runFirmwareInformation(const StepInput&) {
 
 // An entry run once, with nothing but its own number.
 constexpr CatalogueEntry single(uint32_t number, const char* name, const char* title,
-                                int32_t (*run)(const StepInput&), int32_t expected = 0) {
-    return {number, name, title, run, 0, 0, 0, 0, expected};
+                                int32_t (*run)(const StepInput&), const char* sends,
+                                int32_t expected = 0) {
+    return {number, name, title, run, 0, 0, 0, 0, expected, sends, "-"};
 }
 
 // A raw suite: run with its ZETest selector, or each of a range of them.
 constexpr CatalogueEntry rawSuite(uint32_t number, const char* name, const char* title,
-                                  int firstSelector, int lastSelector) {
-    return {number, name, title, runZeTest, firstSelector, lastSelector, 0, 0, 0};
+                                  int firstSelector, int lastSelector, const char* sends) {
+    return {number, name, title, runZeTest, firstSelector, lastSelector, 0, 0, 0, sends, "-"};
 }
 
 // A scenario: its number is its command number, which is also what it is run with.
 constexpr CatalogueEntry scenario(uint32_t command, const char* name, const char* title,
-                                  int dataType = 1, int index = 3) {
+                                  const char* dataTypes, int dataType = 1, int index = 3) {
     const int selector = static_cast<int>(command);
-    return {command, name, title, runScenario, selector, selector, dataType, index, 0};
+    return {command,  name,  title, runScenario, selector, selector,
+            dataType, index, 0,     nullptr,     dataTypes};
 }
 
 constexpr CatalogueEntry secureProcessor(uint32_t command, const char* name, const char* title) {
     const int selector = static_cast<int>(command);
-    return {command, name, title, runSecureProcessorScenario, selector, selector, 0, 0, 0};
+    return {command, name,    title, runSecureProcessorScenario, selector, selector, 0, 0,
+            0,       nullptr, "-"};
 }
 
-// The plan, in order: a row names a step and the test data and slot it runs with.
+// The plan, in order: a row names a step and the test data and slot it runs with, and where the
+// plan's own order makes a failure the outcome to expect, that result and why.
 struct PlanRow {
     const char* name;
     int dataType;
     int index;
+    int32_t expected = 0;
+    const char* why = nullptr;
 };
+
+constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
+constexpr int32_t kNotFound = static_cast<int32_t>(TEEC_ERROR_ITEM_NOT_FOUND);
 
 // Where the plan keeps things. The AES key sits at 2 because decrypt-by-key always uses the key
 // at 2; the hub token at 1 because the hub-token scenario always stores it there.
@@ -159,6 +171,9 @@ constexpr PlanRow kPlan[] = {
     {"zel_generateKey", 1, kGeneratedKeySlot},
     {"zel_deleteKey", 1, kGeneratedKeySlot},
     {"zel_delete", 1, kDataSlot},
+    {"zel_get", 1, kDataSlot, kGeneric, "the slot was deleted"},
+    {"zel_checkDataExistence", 1, kDataSlot, kNotFound, "the slot was deleted"},
+    {"zel_getPublicKeyStatus", 0, 0, kNotFound, "no AK key is provisioned yet"},
     {"zel_akProvision", 0, 0},
     {"zel_checkZelAk", 0, 0},
     {"zel_getPublicKeyStatus", 0, 0},
@@ -176,6 +191,7 @@ constexpr PlanRow kPlan[] = {
     {"zel_forceRecovery", 0, 0},
     {"zel_forceRecoverySP", 0, 0},
     {"zel_removeAkKeys", 0, 0},
+    {"zel_checkZelAk", 0, 0, kNotFound, "the AK keys were removed"},
 };
 
 bool parseNumber(const std::string& word, long& value) {
@@ -191,7 +207,7 @@ Step makeStep(const CatalogueEntry& entry, int argument, const Overrides& overri
     StepInput input{argument, overrides.dataType.value_or(entry.dataType),
                     overrides.index.value_or(entry.index), overrides.param.value_or(0),
                     overrides.uuid.value_or(zel_test)};
-    return {&entry, name, input};
+    return {&entry, name, input, entry.expected};
 }
 
 void addAll(const CatalogueEntry& entry, const Overrides& overrides, std::vector<Step>& steps) {
@@ -216,56 +232,61 @@ const std::vector<CatalogueEntry>& catalogue() {
     // The raw suites' selectors are ZETest's: 0 lifecycle, 1 heavy load, 2 process, 3-17 BIST.
     static const std::vector<CatalogueEntry> entries = {
         rawSuite(501, "lifecycle",
-                 "command 0 up to 1000 times over one session, stops at the 5th failure", 0, 0),
+                 "command 0 up to 1000 times over one session, stops at the 5th failure", 0, 0,
+                 "0x00"),
         rawSuite(502, "heavyload", "ten commands over one session, result is the failure mask", 1,
-                 1),
-        rawSuite(503, "process", "nine commands over one session, result is the failure mask", 2,
-                 2),
+                 1, "0x01-0x11"),
+        rawSuite(503, "process", "nine commands over one session, result is the failure mask", 2, 2,
+                 "0x04-0x11"),
         rawSuite(504, "bist", "built-in self-test of one command, sent with an empty request",
-                 kFirstBistCommand, kLastBistCommand),
+                 kFirstBistCommand, kLastBistCommand, "N"),
         single(505, "test_lifetime", "exported entry point: command 0 once over a fresh session",
-               runTestLifetime),
+               runTestLifetime, "0x00"),
         single(506, "test_process_inspection",
                "exported entry point: the secure processor's self-test, 1 when it passed",
-               runTestProcessInspection, 1),
+               runTestProcessInspection, "0x20", 1),
         single(507, "test_get_info", "exported entry point: the secure processor's information",
-               runTestGetInfo),
+               runTestGetInfo, "0x1C"),
         single(cmd::ze_updateFW, "ze_updateFW",
                "firmware update with --param; shows the result record and versions",
-               runUpdateFirmware),
+               runUpdateFirmware, "0x12"),
         single(cmd::ze_getFWInfo, "ze_getFWInfo", "firmware information words (command 0x13)",
-               runFirmwareInformation),
-        scenario(cmd::zel_put, "zel_put", "store 241 bytes of test data in slot --index"),
-        scenario(cmd::zel_get, "zel_get", "read slot --index back"),
-        scenario(cmd::zel_delete, "zel_delete", "delete slot --index"),
-        scenario(cmd::zel_deleteKey, "zel_deleteKey", "delete the key at --index"),
+               runFirmwareInformation, "0x13"),
+        scenario(cmd::zel_put, "zel_put", "store 241 bytes of test data in slot --index", "0,1"),
+        scenario(cmd::zel_get, "zel_get", "read slot --index back", "any"),
+        scenario(cmd::zel_delete, "zel_delete", "delete slot --index", "any"),
+        scenario(cmd::zel_deleteKey, "zel_deleteKey", "delete the key at --index", "any"),
         scenario(cmd::zel_checkDataExistence, "zel_checkDataExistence",
-                 "check that slot --index holds data"),
+                 "check that slot --index holds data", "any"),
         scenario(cmd::zel_storeKey, "zel_storeKey",
-                 "import a key at --index: EC P-256 (data type 1), AES-256 (2), random (0)"),
-        scenario(cmd::zel_getHash, "zel_getHash", "SHA-256 of slot --index"),
-        scenario(cmd::zel_openSession, "zel_openSession", "open a vault session, no request"),
-        scenario(cmd::zel_generateKey, "zel_generateKey", "generate an EC P-256 key at --index"),
-        scenario(cmd::zel_getSlotInfo, "zel_getSlotInfo", "what slot and key --index hold"),
+                 "import a key at --index: EC P-256 (data type 1), AES-256 (2), random (0)",
+                 "0,1,2"),
+        scenario(cmd::zel_getHash, "zel_getHash", "SHA-256 of slot --index", "any"),
+        scenario(cmd::zel_openSession, "zel_openSession", "open a vault session, no request",
+                 "any"),
+        scenario(cmd::zel_generateKey, "zel_generateKey", "generate an EC P-256 key at --index",
+                 "any"),
+        scenario(cmd::zel_getSlotInfo, "zel_getSlotInfo", "what slot and key --index hold", "any"),
         scenario(cmd::zel_getCMACwithHubToken, "zel_getCMACwithHubToken",
-                 "AES-CMAC of a message under the hub token at --index", 1, 1),
+                 "AES-CMAC of a message under the hub token at --index", "0,1", 1, 1),
         scenario(cmd::zel_ecdsaCreateSignature, "zel_ecdsaCreateSignature",
-                 "ECDSA P-256 signature of a digest with the EC key at --index"),
+                 "ECDSA P-256 signature of a digest with the EC key at --index", "0,1"),
         scenario(cmd::zel_decryptByKey, "zel_decryptByKey",
-                 "decrypt 146 bytes with the AES key at 2 into slot --index", 1, 6),
+                 "decrypt 146 bytes with the AES key at 2 into slot --index", "0,1", 1, 6),
         scenario(cmd::zel_decryptHubToken, "zel_decryptHubToken",
-                 "decrypt the hub token with the EC key at --index, store it at 1"),
+                 "decrypt the hub token with the EC key at --index, store it at 1", "0,1"),
         scenario(cmd::zel_genAuthKey, "zel_genAuthKey",
-                 "ECDH of the EC key at --index with the cloud's public key"),
-        scenario(cmd::zel_getHubID, "zel_getHubID", "identity of the hub token at --index", 1, 1),
+                 "ECDH of the EC key at --index with the cloud's public key", "0,1"),
+        scenario(cmd::zel_getHubID, "zel_getHubID", "identity of the hub token at --index", "any",
+                 1, 1),
         scenario(cmd::zel_getCmacKey, "zel_getCmacKey",
-                 "receive and transmit CMAC keys of the hub token at --index", 1, 1),
+                 "receive and transmit CMAC keys of the hub token at --index", "any", 1, 1),
         scenario(cmd::zel_aesEncrypt, "zel_aesEncrypt",
-                 "AES-256-CBC encryption with the key at --index", 2, 2),
+                 "AES-256-CBC encryption with the key at --index", "0,2", 2, 2),
         scenario(cmd::zel_aesDecrypt, "zel_aesDecrypt",
-                 "AES-256-CBC decryption with the key at --index", 2, 2),
+                 "AES-256-CBC decryption with the key at --index", "0,2", 2, 2),
         scenario(cmd::zel_compareData, "zel_compareData",
-                 "compare 32 bytes with the key at --index", 2, 2),
+                 "compare 32 bytes with the key at --index", "2", 2, 2),
         secureProcessor(cmd::zel_checkZelAk, "zel_checkZelAk",
                         "check the AK public key text against the provisioned one"),
         secureProcessor(cmd::zel_akProvision, "zel_akProvision",
@@ -287,18 +308,43 @@ const std::vector<CatalogueEntry>& catalogue() {
     return entries;
 }
 
+std::string sendsText(const CatalogueEntry& entry) {
+    if (entry.sends) return entry.sends;
+    char hex[8];
+    std::snprintf(hex, sizeof hex, "0x%02X", entry.number);
+    return hex;
+}
+
+std::vector<Step> planSteps(const Overrides& overrides) {
+    std::vector<Step> steps;
+    for (const PlanRow& row : kPlan) {
+        Overrides planned = overrides;
+        planned.dataType = overrides.dataType.value_or(row.dataType);
+        planned.index = overrides.index.value_or(row.index);
+        const size_t first = steps.size();
+        addAll(*find(row.name), planned, steps);
+        if (!row.why) continue;
+        for (size_t i = first; i < steps.size(); ++i) {
+            steps[i].expected = row.expected;
+            steps[i].why = row.why;
+        }
+    }
+    return steps;
+}
+
 bool selectSteps(const std::vector<std::string>& words, const Overrides& overrides,
                  std::vector<Step>& steps, std::string& error) {
-    if (words.empty()) {
-        for (const PlanRow& row : kPlan) {
-            Overrides planned = overrides;
-            planned.dataType = overrides.dataType.value_or(row.dataType);
-            planned.index = overrides.index.value_or(row.index);
-            addAll(*find(row.name), planned, steps);
-        }
-        return true;
-    }
     for (size_t i = 0; i < words.size(); ++i) {
+        if (words[i].find_first_of("*?[") != std::string::npos) {
+            const size_t before = steps.size();
+            for (const CatalogueEntry& entry : catalogue())
+                if (fnmatch(words[i].c_str(), entry.name, 0) == 0) addAll(entry, overrides, steps);
+            if (steps.size() == before) {
+                error = "no step matches '" + words[i] + "' (zel-tc list shows them)";
+                return false;
+            }
+            continue;
+        }
         const CatalogueEntry* found = find(words[i]);
         if (!found) {
             error = "no step is named '" + words[i] + "' (zel-tc list shows them)";

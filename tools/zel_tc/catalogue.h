@@ -30,7 +30,9 @@ struct CatalogueEntry {
     int lastArgument;   // equal to firstArgument for a step without one
     int dataType;       // a scenario's default test data and slot
     int index;
-    int32_t expected;  // the result that passes: 0, but 1 for an entry point that says "passed"
+    int32_t expected;   // the result that passes: 0, but 1 for an entry point that says "passed"
+    const char* sends;  // the TA command ids it sends; null: its own number
+    const char* dataTypes;  // the --data-type values it accepts; "-" when it takes none
     bool takesArgument() const { return firstArgument != lastArgument; }
 };
 
@@ -38,6 +40,8 @@ struct Step {
     const CatalogueEntry* entry;
     std::string name;  // "process", "bist 7", "zel_put"
     StepInput input;
+    int32_t expected;           // the result that passes
+    const char* why = nullptr;  // when a failure is what the plan expects here, why
 };
 
 // Values given on the command line; each replaces the steps' defaults.
@@ -51,9 +55,14 @@ struct Overrides {
 const std::vector<CatalogueEntry>& catalogue();
 
 // The steps named by words such as "process", "503", "bist 7", "bist" (every BIST number),
-// "zel_put", "put" or "0"; no words at all is the whole plan. False with a message for a word
-// that names nothing.
+// "zel_put", "put", "0" or a pattern such as "zel_get*". False with a message for a word that
+// names nothing.
 bool selectSteps(const std::vector<std::string>& words, const Overrides& overrides,
                  std::vector<Step>& steps, std::string& error);
+// Every step in dependency order, with the failures that the order makes the expected outcome.
+std::vector<Step> planSteps(const Overrides& overrides);
+
+// The TA command ids a step sends, as listed: "0x2D", "0x00", "0x03-0x11".
+std::string sendsText(const CatalogueEntry& entry);
 
 }  // namespace zel::tc

@@ -6,12 +6,15 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <memory>
-#include <sstream>
 
 #include "catalogue.h"
 #include "daemon_launcher.h"
+#include "helper_commands.h"
+#include "reports.h"
+#include "step_runner.h"
 #include "tee_names.h"
 #include "uuid_arg.h"
 #include "vault_commands.h"
@@ -26,32 +29,114 @@ void say(const std::string& text) {
 }
 
 void listSteps() {
+    std::printf("%4s  %-28s %-10s %-6s %s\n", "no", "step", "sends", "data", "what it does");
     for (const zel::tc::CatalogueEntry& entry : zel::tc::catalogue()) {
         std::string name = entry.name;
         if (entry.takesArgument())
             name += " N (" + std::to_string(entry.firstArgument) + "-" +
                     std::to_string(entry.lastArgument) + ")";
-        std::printf("%4u  %-22s %s\n", entry.number, name.c_str(), entry.title);
+        std::printf("%4u  %-28s %-10s %-6s %s\n", entry.number, name.c_str(),
+                    zel::tc::sendsText(entry).c_str(), entry.dataTypes, entry.title);
     }
+    std::printf("\nhelpers (zel-tc helper NAME ...):\n");
+    zel::tc::listHelpers();
 }
 
-int runSteps(const std::vector<zel::tc::Step>& steps) {
-    int passed = 0, failed = 0;
-    for (const zel::tc::Step& step : steps) {
-        const int32_t result = step.entry->run(step.input);
-        const bool pass = result == step.entry->expected;
-        (pass ? passed : failed)++;
-        std::string verdict = std::string(pass ? "PASS " : "FAIL ") +
-                              std::to_string(step.entry->number) + " " + step.name + " result " +
-                              zel::tc::describeResult(static_cast<uint32_t>(result));
-        if (step.entry->expected != 0)
-            verdict += " (passes with " + std::to_string(step.entry->expected) + ")";
-        say(verdict);
+struct RunOptions {
+    std::vector<std::string> words;
+    bool all = false;
+    std::string socket, vaultd, uuidText, junit, json;
+    zel::tc::Overrides overrides;
+    unsigned repeat = 1;
+    bool stopOnFailure = false;
+    unsigned timeoutSeconds = 120;
+};
+
+// A report file that cannot be written is bad input, found before anything runs.
+bool writable(const std::string& path) {
+    return path.empty() || std::ofstream(path, std::ios::app).good();
+}
+
+int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options) {
+    std::vector<zel::tc::StepRecord> records;
+    bool stop = false;
+    for (unsigned round = 1; round <= options.repeat && !stop; ++round) {
+        for (const zel::tc::Step& step : steps) {
+            zel::tc::StepRecord record{step, static_cast<int>(round), {}};
+            record.outcome = zel::tc::runIsolated([&step] { return step.entry->run(step.input); },
+                                                  options.timeoutSeconds);
+            std::string verdict = std::string(record.verdict()) + " " +
+                                  std::to_string(step.entry->number) + " " + record.title() +
+                                  " result " + record.describe(options.timeoutSeconds);
+            if (step.expected != 0 && record.passed())
+                verdict += step.why ? std::string(" (expected: ") + step.why + ")"
+                                    : " (passes with " + std::to_string(step.expected) + ")";
+            say(verdict);
+            records.push_back(std::move(record));
+            if (options.stopOnFailure && !records.back().passed()) {
+                say("stopping at the first failure (--stop-on-failure)");
+                stop = true;
+                break;
+            }
+        }
     }
-    std::ostringstream summary;
-    summary << passed << " passed, " << failed << " failed";
-    say(summary.str());
-    return failed ? kExitFailed : 0;
+    zel::tc::writeSummary(std::cerr, records, options.timeoutSeconds);
+    bool reported = true;
+    if (!options.junit.empty() &&
+        !zel::tc::writeJunit(options.junit, records, options.timeoutSeconds)) {
+        say("cannot write " + options.junit);
+        reported = false;
+    }
+    if (!options.json.empty() &&
+        !zel::tc::writeJson(options.json, records, options.timeoutSeconds)) {
+        say("cannot write " + options.json);
+        reported = false;
+    }
+    for (const zel::tc::StepRecord& record : records)
+        if (!record.passed()) return kExitFailed;
+    return reported ? 0 : kExitFailed;
+}
+
+int run(RunOptions& options) {
+    if (options.all == !options.words.empty()) {
+        say(options.all ? "give step names or --all, not both"
+                        : "name the steps to run, or --all for the whole plan");
+        return kExitUsage;
+    }
+    if (!options.uuidText.empty()) {
+        TEEC_UUID uuid{};
+        if (!zel::tc::parseUuid(options.uuidText, uuid)) {
+            say("cannot read --uuid " + options.uuidText);
+            return kExitUsage;
+        }
+        options.overrides.uuid = uuid;
+    }
+    for (const std::string& path : {options.junit, options.json}) {
+        if (!writable(path)) {
+            say("cannot write " + path);
+            return kExitUsage;
+        }
+    }
+    std::vector<zel::tc::Step> steps;
+    std::string error;
+    if (options.all)
+        steps = zel::tc::planSteps(options.overrides);
+    else if (!zel::tc::selectSteps(options.words, options.overrides, steps, error)) {
+        say(error);
+        return kExitUsage;
+    }
+    std::unique_ptr<zel::vault::VaultDaemon> daemon;
+    if (options.socket.empty()) {
+        daemon = zel::vault::VaultDaemon::start({options.vaultd, {}, false, {}}, error);
+        if (!daemon) {
+            say(error);
+            return kExitUsage;
+        }
+        options.socket = daemon->socketPath();
+    }
+    // The TEE client library finds the default TEE here.
+    setenv("ZEL_TEE_SOCKET", options.socket.c_str(), 1);
+    return runSteps(steps, options);
 }
 
 }  // namespace
@@ -60,58 +145,37 @@ int main(int argc, char** argv) {
     CLI::App app{"zel-tc: runs libzel-tc-lib's test steps against the vault TA"};
     app.require_subcommand(1);
 
-    app.add_subcommand("list", "List every step with its number and what it does")
+    app.add_subcommand("list", "List every step: number, name, command ids sent, data types")
         ->callback(listSteps);
 
-    auto* run = app.add_subcommand(
-        "run", "Run steps by name or number (\"bist 7\", 503); none named runs the whole plan");
-    std::vector<std::string> words;
-    std::string socket, vaultd, uuidText;
-    zel::tc::Overrides overrides;
-    run->add_option("steps", words, "Step names or numbers");
-    run->add_option("--socket", socket,
+    RunOptions options;
+    auto* run = app.add_subcommand("run", "Run steps by name, number or pattern, or --all");
+    run->add_option("steps", options.words,
+                    "Step names, numbers or patterns: \"bist 7\", 503, zel_put, put, 'zel_get*'");
+    run->add_flag("--all", options.all, "The whole plan, in dependency order");
+    run->add_option("--socket", options.socket,
                     "Use the TEE daemon already listening here instead of starting one");
-    run->add_option("--vaultd", vaultd, "The zel-vaultd to start (default: beside zel-tc)");
-    run->add_option("--data-type", overrides.dataType,
+    run->add_option("--vaultd", options.vaultd, "The zel-vaultd to start (default: beside zel-tc)");
+    run->add_option("--data-type", options.overrides.dataType,
                     "Test data of the scenarios: 0 random, 1 or 2 a fixed vector set");
-    run->add_option("--index", overrides.index, "Slot or key index of the scenarios");
-    run->add_option("--param", overrides.param, "Parameter of the firmware update (default 0)");
-    run->add_option("--uuid", uuidText, "TA of the scenarios: zel_test, zel_test_a or a UUID");
+    run->add_option("--index", options.overrides.index, "Slot or key index of the scenarios");
+    run->add_option("--param", options.overrides.param,
+                    "Parameter of the firmware update (default 0)");
+    run->add_option("--uuid", options.uuidText,
+                    "TA of the general scenarios: zel_test, zel_test_a or a UUID");
+    run->add_option("--repeat", options.repeat, "Run the selection this many times")
+        ->check(CLI::Range(1u, 1000000u));
+    run->add_flag("--stop-on-failure", options.stopOnFailure, "Stop at the first failed step");
+    run->add_option("--timeout", options.timeoutSeconds,
+                    "Seconds a step may take before it is killed as hung; 0: no limit")
+        ->capture_default_str();
+    run->add_option("--junit", options.junit, "Write a JUnit XML report here");
+    run->add_option("--json", options.json, "Write a JSON report here");
 
     int exitCode = 0;
-    run->callback([&] {
-        std::vector<zel::tc::Step> steps;
-        std::string error;
-        TEEC_UUID uuid{};
-        if (!uuidText.empty()) {
-            if (!zel::tc::parseUuid(uuidText, uuid)) {
-                say("cannot read --uuid " + uuidText);
-                exitCode = kExitUsage;
-                return;
-            }
-            overrides.uuid = uuid;
-        }
-        if (!zel::tc::selectSteps(words, overrides, steps, error)) {
-            say(error);
-            exitCode = kExitUsage;
-            return;
-        }
-        std::unique_ptr<zel::vault::VaultDaemon> daemon;
-        if (socket.empty()) {
-            daemon = zel::vault::VaultDaemon::start({vaultd, {}, false, {}}, error);
-            if (!daemon) {
-                say(error);
-                exitCode = kExitUsage;
-                return;
-            }
-            socket = daemon->socketPath();
-        }
-        // The TEE client library finds the default TEE here.
-        setenv("ZEL_TEE_SOCKET", socket.c_str(), 1);
-        exitCode = runSteps(steps);
-    });
-
+    run->callback([&] { exitCode = ::run(options); });
     zel::tc::addVaultCommands(app, exitCode);
+    zel::tc::addHelperCommands(app, exitCode);
 
     try {
         app.parse(argc, argv);

@@ -36,6 +36,7 @@ constexpr Named kResults[] = {
     ZEL_NAMED(TEEC_ERROR_SECURITY),
     ZEL_NAMED(TEEC_ERROR_SHORT_BUFFER),
     ZEL_NAMED(TEEC_ERROR_TARGET_DEAD),
+    {0xFFFFFFF3, "ZEL_EMPTY_PARAMETERS"},  // the library's own: a required input was empty
 };
 constexpr Named kOrigins[] = {
     ZEL_NAMED(TEEC_ORIGIN_API),

@@ -1,0 +1,127 @@
+#include "step_runner.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+
+namespace zel::tc {
+
+namespace {
+
+// A pipe's two ends, closed on every path.
+struct Pipe {
+    int fds[2] = {-1, -1};
+    bool open() { return pipe2(fds, O_CLOEXEC) == 0; }
+    void closeEnd(int i) {
+        if (fds[i] >= 0) close(fds[i]);
+        fds[i] = -1;
+    }
+    ~Pipe() {
+        closeEnd(0);
+        closeEnd(1);
+    }
+};
+
+bool writeAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        const ssize_t written = write(fd, data, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        data += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+[[noreturn]] void runChild(const std::function<int32_t()>& step, Pipe& out, Pipe& result) {
+    dup2(out.fds[1], STDOUT_FILENO);
+    const int32_t value = step();
+    std::cout.flush();
+    std::fflush(stdout);
+    const bool sent = writeAll(result.fds[1], reinterpret_cast<const char*>(&value), sizeof value);
+    // _exit: the parent's objects (its daemon among them) are not the child's to destroy.
+    _exit(sent ? 0 : 1);
+}
+
+}  // namespace
+
+StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSeconds) {
+    StepOutcome outcome;
+    const auto started = std::chrono::steady_clock::now();
+    Pipe out, result;
+    std::cout.flush();
+    std::cerr.flush();
+    std::fflush(nullptr);
+    if (!out.open() || !result.open()) {
+        std::perror("zel-tc: pipe");
+        outcome.end = StepOutcome::End::kCrashed;
+        return outcome;
+    }
+    const pid_t child = fork();
+    if (child < 0) {
+        std::perror("zel-tc: fork");
+        outcome.end = StepOutcome::End::kCrashed;
+        return outcome;
+    }
+    if (child == 0) runChild(step, out, result);
+    out.closeEnd(1);
+    result.closeEnd(1);
+
+    const auto deadline = started + std::chrono::seconds(timeoutSeconds);
+    std::string pending;
+    char buffer[4096];
+    for (;;) {
+        int waitMs = -1;
+        if (timeoutSeconds > 0) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) {
+                kill(child, SIGKILL);
+                outcome.end = StepOutcome::End::kTimedOut;
+                break;
+            }
+            waitMs = static_cast<int>(left.count());
+        }
+        pollfd readable{out.fds[0], POLLIN, 0};
+        const int ready = poll(&readable, 1, waitMs);
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) continue;  // the deadline is checked at the top
+        const ssize_t got = read(out.fds[0], buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;  // the child closed its stdout: it is done
+        writeAll(STDOUT_FILENO, buffer, static_cast<size_t>(got));
+        pending.append(buffer, static_cast<size_t>(got));
+        for (size_t end; (end = pending.find('\n')) != std::string::npos;) {
+            outcome.lines.push_back(pending.substr(0, end));
+            pending.erase(0, end + 1);
+        }
+    }
+    if (!pending.empty()) outcome.lines.push_back(pending);
+
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    int32_t value = 0;
+    const bool returned = read(result.fds[0], &value, sizeof value) == sizeof value;
+    if (outcome.end != StepOutcome::End::kTimedOut) {
+        if (returned && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+            outcome.result = value;
+        } else {
+            outcome.end = StepOutcome::End::kCrashed;
+            outcome.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        }
+    }
+    outcome.seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    return outcome;
+}
+
+}  // namespace zel::tc

@@ -1,0 +1,26 @@
+// Runs one step in a child process of its own, so that a step that hangs or crashes is reported
+// against its name while the run goes on. The child's stdout (the library's lines) is passed on
+// to zel-tc's stdout byte for byte and kept for the reports.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace zel::tc {
+
+struct StepOutcome {
+    enum class End { kReturned, kTimedOut, kCrashed };
+    End end = End::kReturned;
+    int32_t result = 0;  // what the step returned, when it returned
+    int signal = 0;      // what ended it, when it crashed
+    double seconds = 0;
+    std::vector<std::string> lines;  // what it printed on stdout
+};
+
+// timeoutSeconds 0: no limit. The step's function runs in the child; the parent keeps nothing of
+// the child's memory but the outcome.
+StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSeconds);
+
+}  // namespace zel::tc
