@@ -80,8 +80,12 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, readyWrite.get(), kReadyFdInChild);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    const int spawned =
-        posix_spawnp(&daemon->pid_, executable.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    if (options.ownSession) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    const int spawned = posix_spawnp(&daemon->pid_, executable.c_str(), &actions, &attributes,
+                                     argv.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     readyWrite.reset();
     if (spawned != 0) {
@@ -137,6 +141,13 @@ void VaultDaemon::kill() {
     if (pid_ <= 0) return;
     ::kill(pid_, SIGKILL);
     wait(kStopTimeoutMs);
+}
+
+pid_t VaultDaemon::release() {
+    const pid_t pid = pid_;
+    pid_ = -1;
+    privateDirectory_.clear();
+    return pid;
 }
 
 VaultDaemon::~VaultDaemon() {

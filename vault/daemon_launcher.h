@@ -18,6 +18,7 @@ class VaultDaemon {
         std::string socketPath;  // empty: a new private directory under $TMPDIR or /tmp
         bool control = false;
         std::vector<std::string> extraArguments;
+        bool ownSession = false;  // in a session of its own, apart from the caller's terminal
     };
 
     // Null with a message in error when the daemon could not be started or did not get ready.
@@ -32,6 +33,9 @@ class VaultDaemon {
     bool stop();
     // SIGKILL and wait: the daemon dies without cleaning up.
     void kill();
+    // Leaves the daemon running on its own: this object forgets it, and its socket (with the
+    // directory made for it) stays. Returns its process id.
+    pid_t release();
 
   private:
     VaultDaemon() = default;

@@ -283,3 +283,37 @@ TEST_F(ZelTcReportsTest, StdoutIsExactlyWhatTheLibraryPrints) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ZelTcVaultTest, StartScriptAnswerStatusAndStopFromTheShell) {
+    std::string directory = testing::TempDir() + "zel_tc_vault_XXXXXX";
+    ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    const std::string socket = " --socket " + directory + "/socket";
+    CliRun run = zelTc("vault start" + socket);
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    run = zelTc("vault status" + socket);
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_NE(std::find(run.out.begin(), run.out.end(), "  control TA: yes"), run.out.end());
+
+    EXPECT_EQ(
+        zelTc("vault script" + socket + " --uuid zel_test_a --cmd 0x27 --reply 'int:2 blob:abcd'")
+            .exitCode,
+        0);
+    run = zelTc("run zel_getHackInfo" + socket);
+    EXPECT_EQ(run.out.back(), "hack status: abcd00000000000000");
+    EXPECT_EQ(zelTc("vault answer" + socket + " --hack-status 01").exitCode, 0);
+    run = zelTc("run zel_selfTestAll" + socket);
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(run.err.find("FAIL 32 zel_selfTestAll result 0xFFFF000F TEEC_ERROR_SECURITY"),
+              std::string::npos)
+        << run.err;
+    EXPECT_EQ(zelTc("vault script" + socket + " --cmd 2 --reply 'int:x'").exitCode, 2);
+
+    EXPECT_EQ(zelTc("vault stop" + socket).exitCode, 0);
+    EXPECT_EQ(zelTc("vault status" + socket).exitCode, 1);
+    EXPECT_EQ(zelTc("vault stop" + socket).exitCode, 1);  // nothing left to stop
+    rmdir(directory.c_str());
+}
+
+}  // namespace

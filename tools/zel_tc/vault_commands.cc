@@ -1,16 +1,28 @@
 #include "vault_commands.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <sstream>
 #include <vector>
 
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <thread>
+
 #include "control_client.h"
 #include "control_ids.h"
+#include "daemon_launcher.h"
+#include "interface/zel_ta_ids.h"
 #include "support/byte_helpers.h"
 #include "tee_names.h"
+#include "teec_wire.h"
 #include "uuid_arg.h"
+#include "wsm_encoding.h"
 
 namespace zel::tc {
 
@@ -25,13 +37,45 @@ struct ControlArguments {
     std::string result = "TEEC_ERROR_GENERIC";
     std::string origin = "TEEC_ORIGIN_TRUSTED_APP";
     uint32_t milliseconds = 1000;
+    std::string reply;  // typed fields: "int:4 uint:3 blob:aabbcc"
 };
 
 struct Parsed {
     TEEC_UUID uuid;
     uint32_t result;
     uint32_t origin;
+    std::vector<uint8_t> reply;  // in the codec's encoding, end marker included
 };
+
+// "int:-1 uint:3 blob:aabbcc" into a message of the codec's encoding.
+bool parseReply(const std::string& text, std::vector<uint8_t>& message) {
+    std::vector<uint8_t> block(8192);
+    wsm::Writer writer(block.data(), static_cast<uint32_t>(block.size()));
+    std::istringstream fields(text);
+    for (std::string field; fields >> field;) {
+        const size_t colon = field.find(':');
+        if (colon == std::string::npos) return false;
+        const std::string kind = field.substr(0, colon), value = field.substr(colon + 1);
+        char* end = nullptr;
+        bool written = false;
+        if (kind == "int" || kind == "uint") {
+            const long long number = std::strtoll(value.c_str(), &end, 0);
+            if (value.empty() || *end != '\0') return false;
+            written = kind == "int" ? writer.putInt(static_cast<int32_t>(number))
+                                    : writer.putUint(static_cast<uint32_t>(number));
+        } else if (kind == "blob") {
+            unsigned int size = static_cast<unsigned int>(value.size() / 2);
+            std::vector<uint8_t> bytes(size);
+            if (hex_str_2_bin(bytes.data(), value.c_str(), &size,
+                              static_cast<unsigned int>(value.size())) != 0)
+                return false;
+            written = writer.put(wsm::kBlob, bytes.data(), size);
+        }
+        if (!written) return false;
+    }
+    message.assign(block.begin(), block.begin() + writer.position() + sizeof(uint32_t));
+    return true;
+}
 
 using Request = TEEC_Result (*)(const vault::VaultControl&, const ControlArguments&, const Parsed&);
 
@@ -42,32 +86,39 @@ struct ControlVerb {
     bool takesFailure;   // --result and --origin
     bool takesDuration;  // --ms
     bool takesCount;     // --count
+    bool takesReply;     // --reply
     Request send;
 };
 
 const ControlVerb kVerbs[] = {
-    {"reset", "Disarm every fault and clear the TAs' state", false, false, false, false,
+    {"reset", "Disarm every fault and clear the TAs' state", false, false, false, false, false,
      [](const vault::VaultControl& c, const ControlArguments&, const Parsed&) {
          return c.reset();
      }},
     {"fail", "Make the next --count invocations of --cmd on --uuid return --result/--origin", true,
-     true, false, true,
+     true, false, true, false,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failInvocations(p.uuid, a.command, a.count, p.result, p.origin);
      }},
     {"fail-session", "Make the next --count sessions opened to --uuid fail", true, true, false,
-     true,
+     true, false,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failOpenSession(p.uuid, a.count, p.result, p.origin);
      }},
     {"fail-alloc", "Make the next --count shared-memory allocations fail", false, true, false, true,
+     false,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failAllocations(a.count, p.result, p.origin);
      }},
     {"stall", "Hold the next --count invocations of --cmd on --uuid for --ms milliseconds", true,
-     false, true, true,
+     false, true, true, false,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.stallInvocations(p.uuid, a.command, a.count, a.milliseconds);
+     }},
+    {"script", "Answer the next --count invocations of --cmd on --uuid with --reply's fields", true,
+     false, false, true, true,
+     [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
+         return c.scriptReply(p.uuid, a.command, a.count, p.reply);
      }},
 };
 
@@ -77,6 +128,8 @@ int sendVerb(const ControlVerb& verb, const ControlArguments& arguments) {
     if (!parseUuid(arguments.uuid, parsed.uuid)) bad = "--uuid " + arguments.uuid;
     if (!parseResult(arguments.result, parsed.result)) bad = "--result " + arguments.result;
     if (!parseOrigin(arguments.origin, parsed.origin)) bad = "--origin " + arguments.origin;
+    if (verb.takesReply && !parseReply(arguments.reply, parsed.reply))
+        bad = "--reply " + arguments.reply + " (fields such as int:-1 uint:3 blob:aabb)";
     if (!bad.empty()) {
         std::cerr << "zel-tc: cannot read " << bad << std::endl;
         return 2;
@@ -180,6 +233,109 @@ void addAnswerCommand(CLI::App& vaultApp, int& exitCode) {
     });
 }
 
+// Starting and stopping a daemon that outlives zel-tc: its process id is kept beside its socket.
+struct LifecycleArguments {
+    std::string socket;  // empty: the default TEE
+    std::string storage;
+    std::string vaultd;
+    bool noControl = false;
+    std::string socketPath() const { return socket.empty() ? wire::defaultSocketPath() : socket; }
+    std::string pidFile() const { return socketPath() + ".pid"; }
+};
+
+bool isVaultd(pid_t pid) {
+    std::ifstream commandLine("/proc/" + std::to_string(pid) + "/cmdline");
+    std::string program;
+    std::getline(commandLine, program, '\0');
+    return program.size() >= 10 && program.compare(program.size() - 10, 10, "zel-vaultd") == 0;
+}
+
+int startVault(const LifecycleArguments& arguments) {
+    vault::VaultDaemon::Options options;
+    options.executable = arguments.vaultd;
+    options.socketPath = arguments.socketPath();
+    options.control = !arguments.noControl;
+    if (!arguments.storage.empty()) options.extraArguments = {"--storage", arguments.storage};
+    options.ownSession = true;
+    std::string error;
+    auto daemon = vault::VaultDaemon::start(options, error);
+    if (!daemon) {
+        std::cerr << "zel-tc: vault start: " << error << std::endl;
+        return 1;
+    }
+    const pid_t pid = daemon->release();
+    std::ofstream(arguments.pidFile()) << pid << "\n";
+    std::cout << "zel-vaultd " << pid << " listening on " << options.socketPath
+              << (options.control ? " with the control TA" : "") << std::endl;
+    return 0;
+}
+
+int stopVault(const LifecycleArguments& arguments) {
+    pid_t pid = 0;
+    std::ifstream(arguments.pidFile()) >> pid;
+    if (pid <= 0 || !isVaultd(pid)) {
+        std::cerr << "zel-tc: vault stop: no zel-vaultd started by zel-tc at "
+                  << arguments.socketPath() << std::endl;
+        unlink(arguments.pidFile().c_str());
+        return 1;
+    }
+    kill(pid, SIGTERM);
+    for (int waited = 0; kill(pid, 0) == 0 && isVaultd(pid); waited += 10) {
+        if (waited >= 5000) kill(pid, SIGKILL);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    unlink(arguments.pidFile().c_str());
+    std::cout << "zel-vaultd " << pid << " stopped" << std::endl;
+    return 0;
+}
+
+// Which TAs answer at the socket; 0 when a TEE is there at all.
+int vaultStatus(const LifecycleArguments& arguments) {
+    const std::string socket = arguments.socketPath();
+    TEEC_Context context{};
+    const TEEC_Result result = TEEC_InitializeContext(socket.c_str(), &context);
+    if (result != TEEC_SUCCESS) {
+        std::cout << "no TEE at " << socket << ": " << describeResult(result) << std::endl;
+        return 1;
+    }
+    std::cout << "TEE at " << socket << std::endl;
+    const struct {
+        const char* name;
+        TEEC_UUID uuid;
+    } kTas[] = {{"vault TA (zel_test)", zel_test},
+                {"secure processor (zel_test_a)", zel_test_a},
+                {"control TA", vault::kControlUuid}};
+    for (const auto& ta : kTas) {
+        TEEC_Session session{};
+        uint32_t origin = 0;
+        const TEEC_Result opened = TEEC_OpenSession(&context, &session, &ta.uuid, TEEC_LOGIN_PUBLIC,
+                                                    nullptr, nullptr, &origin);
+        std::cout << "  " << ta.name << ": " << (opened == TEEC_SUCCESS ? "yes" : "no")
+                  << std::endl;
+        if (opened == TEEC_SUCCESS) TEEC_CloseSession(&session);
+    }
+    TEEC_FinalizeContext(&context);
+    return 0;
+}
+
+void addLifecycleCommands(CLI::App& vaultApp, int& exitCode) {
+    auto arguments = std::make_shared<LifecycleArguments>();
+    const char* socketHelp = "The daemon's socket (default: the default TEE)";
+    auto* start = vaultApp.add_subcommand(
+        "start", "Start a zel-vaultd (with the control TA) that keeps running after zel-tc");
+    start->add_option("--socket", arguments->socket, socketHelp);
+    start->add_option("--storage", arguments->storage, "Keep the vault's storage in this file");
+    start->add_option("--vaultd", arguments->vaultd, "The zel-vaultd to start");
+    start->add_flag("--no-control", arguments->noControl, "Without the control TA");
+    start->callback([arguments, &exitCode] { exitCode = startVault(*arguments); });
+    auto* stop = vaultApp.add_subcommand("stop", "Stop the zel-vaultd that vault start started");
+    stop->add_option("--socket", arguments->socket, socketHelp);
+    stop->callback([arguments, &exitCode] { exitCode = stopVault(*arguments); });
+    auto* status = vaultApp.add_subcommand("status", "Say which TAs answer at the socket");
+    status->add_option("--socket", arguments->socket, socketHelp);
+    status->callback([arguments, &exitCode] { exitCode = vaultStatus(*arguments); });
+}
+
 }  // namespace
 
 void addVaultCommands(CLI::App& app, int& exitCode) {
@@ -207,9 +363,14 @@ void addVaultCommands(CLI::App& app, int& exitCode) {
         if (verb.takesCount)
             sub->add_option("--count", arguments->count, "How many times; 0 until reset")
                 ->capture_default_str();
+        if (verb.takesReply)
+            sub->add_option("--reply", arguments->reply,
+                            "The reply's fields in order: int:N uint:N blob:HEX")
+                ->required();
         sub->callback([&verb, arguments, &exitCode] { exitCode = sendVerb(verb, *arguments); });
     }
     addAnswerCommand(*vaultApp, exitCode);
+    addLifecycleCommands(*vaultApp, exitCode);
 }
 
 }  // namespace zel::tc
