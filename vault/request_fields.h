@@ -4,6 +4,7 @@
 
 #include <tee_client_api.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -53,6 +54,27 @@ inline TEEC_Result replyBuffer(wsm::Writer& out, const Bytes& data) {
         !out.put(wsm::kBlob, data.data(), static_cast<uint32_t>(data.size())))
         return TEEC_ERROR_SHORT_BUFFER;
     return TEEC_SUCCESS;
+}
+
+// One row of a TA's command table: the command id and the member that serves it.
+template <typename Ta>
+struct CommandHandler {
+    uint32_t id;
+    TEEC_Result (Ta::*run)(RequestFields& in, wsm::Writer& out);
+};
+
+// Serves a command through the TA's table: the handler reads the request from the block and
+// writes its reply over it. An id with no row is TEEC_ERROR_NOT_SUPPORTED.
+template <typename Ta, size_t N>
+TaResult dispatch(Ta& ta, const CommandHandler<Ta> (&table)[N], uint32_t command,
+                  const TaParam& block) {
+    for (const CommandHandler<Ta>& handler : table) {
+        if (handler.id != command) continue;
+        RequestFields in(wsm::Reader(block.buffer, block.size));
+        wsm::Writer out(block.buffer, block.size);
+        return {(ta.*handler.run)(in, out), TEEC_ORIGIN_TRUSTED_APP};
+    }
+    return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TRUSTED_APP};
 }
 
 }  // namespace zel::vault

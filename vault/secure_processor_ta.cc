@@ -11,14 +11,7 @@ namespace zel::vault {
 
 namespace {
 
-using Handler = TEEC_Result (SecureProcessorTa::*)(RequestFields&, wsm::Writer&);
-
-struct CommandHandler {
-    uint32_t id;
-    Handler run;
-};
-
-const CommandHandler kHandlers[] = {
+const CommandHandler<SecureProcessorTa> kHandlers[] = {
     {cmd::ze_updateFW, &SecureProcessorTa::updateFWWithReport},
     {cmd::ze_getFWInfo, &SecureProcessorTa::getFWInfo},
     {cmd::zel_checkZelAk, &SecureProcessorTa::checkZelAk},
@@ -89,13 +82,7 @@ TEEC_Result checkAkKeyText(const Bytes& key) {
 
 TaResult SecureProcessorTa::invoke(uint32_t command, TaOperation& operation) {
     if (!isOneBlock(operation)) return {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP};
-    const auto handler = std::find_if(std::begin(kHandlers), std::end(kHandlers),
-                                      [&](const CommandHandler& h) { return h.id == command; });
-    if (handler == std::end(kHandlers)) return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TRUSTED_APP};
-    const TaParam& block = operation.params[0];
-    RequestFields in(wsm::Reader(block.buffer, block.size));
-    wsm::Writer out(block.buffer, block.size);
-    return {(this->*handler->run)(in, out), TEEC_ORIGIN_TRUSTED_APP};
+    return dispatch(*this, kHandlers, command, operation.params[0]);
 }
 
 TEEC_Result SecureProcessorTa::setAnswer(uint32_t item, const Bytes& value) {

@@ -10,14 +10,7 @@ namespace zel::vault {
 
 namespace {
 
-using Handler = TEEC_Result (VaultTa::*)(RequestFields&, wsm::Writer&);
-
-struct CommandHandler {
-    uint32_t id;
-    Handler run;
-};
-
-const CommandHandler kHandlers[] = {
+const CommandHandler<VaultTa> kHandlers[] = {
     {cmd::zel_put, &VaultTa::put},
     {cmd::zel_get, &VaultTa::get},
     {cmd::zel_delete, &VaultTa::erase},
@@ -87,13 +80,8 @@ TaResult VaultTa::invoke(uint32_t command, TaOperation& operation) {
 
     wsm::Reader reader(block.buffer, block.size);
     if (reader.peek() == wsm::kEnd) return {};  // the built-in self-test
-    const auto handler = std::find_if(std::begin(kHandlers), std::end(kHandlers),
-                                      [&](const CommandHandler& h) { return h.id == command; });
-    // The raw suites' own numbers have a self-test but no request to serve.
-    if (handler == std::end(kHandlers)) return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TRUSTED_APP};
-    RequestFields in(reader);
-    wsm::Writer out(block.buffer, block.size);
-    return {(this->*handler->run)(in, out), TEEC_ORIGIN_TRUSTED_APP};
+    // The raw suites' own numbers have a self-test but no request to serve: no row.
+    return dispatch(*this, kHandlers, command, block);
 }
 
 TEEC_Result VaultTa::put(RequestFields& in, wsm::Writer&) {
