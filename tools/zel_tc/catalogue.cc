@@ -308,11 +308,23 @@ const std::vector<CatalogueEntry>& catalogue() {
     return entries;
 }
 
-std::string sendsText(const CatalogueEntry& entry) {
-    if (entry.sends) return entry.sends;
-    char hex[8];
-    std::snprintf(hex, sizeof hex, "0x%02X", entry.number);
+namespace {
+
+std::string commandHex(uint32_t command) {
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "0x%02X", command);
     return hex;
+}
+
+}  // namespace
+
+std::string sendsText(const CatalogueEntry& entry) {
+    return entry.sends ? entry.sends : commandHex(entry.number);
+}
+
+std::string sendsText(const Step& step) {
+    const bool own = step.entry->sends && std::string(step.entry->sends) == "N";
+    return own ? commandHex(static_cast<uint32_t>(step.input.argument)) : sendsText(*step.entry);
 }
 
 std::vector<Step> planSteps(const Overrides& overrides) {

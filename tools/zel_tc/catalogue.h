@@ -64,5 +64,7 @@ std::vector<Step> planSteps(const Overrides& overrides);
 
 // The TA command ids a step sends, as listed: "0x2D", "0x00", "0x03-0x11".
 std::string sendsText(const CatalogueEntry& entry);
+// The same for one step: a BIST step sends its own number.
+std::string sendsText(const Step& step);
 
 }  // namespace zel::tc

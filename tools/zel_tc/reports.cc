@@ -120,7 +120,7 @@ void writeSummary(std::ostream& out, const std::vector<StepRecord>& records,
         seconds << std::fixed << std::setprecision(3) << record.outcome.seconds << " s";
         out << "  " << std::setw(34)
             << (std::to_string(record.step.entry->number) + " " + record.title()) << std::setw(11)
-            << sendsText(*record.step.entry) << std::setw(40) << record.describe(timeoutSeconds)
+            << sendsText(record.step) << std::setw(40) << record.describe(timeoutSeconds)
             << std::setw(9) << record.verdict() << seconds.str();
         if (record.step.why)
             out << "  expected " << hex(record.step.expected) << ": " << record.step.why;
@@ -175,7 +175,7 @@ bool writeJson(const std::string& path, const std::vector<StepRecord>& records,
         const bool returned = record.outcome.end == StepOutcome::End::kReturned;
         json << separator << "    {\"number\": " << record.step.entry->number
              << ", \"name\": " << jsonString(record.step.name) << ", \"round\": " << record.round
-             << ", \"sends\": " << jsonString(sendsText(*record.step.entry))
+             << ", \"sends\": " << jsonString(sendsText(record.step))
              << ", \"result\": " << (returned ? std::to_string(record.outcome.result) : "null")
              << ", \"description\": " << jsonString(record.describe(timeoutSeconds))
              << ", \"expected\": " << record.step.expected
