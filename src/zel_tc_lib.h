@@ -11,4 +11,7 @@
 #include "suites/ze_test.h"
 #include "support/byte_helpers.h"
 #include "support/data_place_holder.h"
+#include "support/device_identity.h"
+#include "support/ec_signature.h"
+#include "support/hd_path.h"
 #include "transport/zel_tee_client.h"
