@@ -10,8 +10,8 @@ set(ZEL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zel-tc-lib)
 set(ZEL_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(TARGETS zel-tc-lib
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ZEL_INCLUDE_SUBDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ZEL_INCLUDE_SUBDIR} COMPONENT dev)
 
 # What the public headers include and the library links, as the installed files see it:
 # ZEL_CONFIG_* for the CMake config (relative to its prefix variable), ZEL_PC_* for pkg-config.
@@ -21,13 +21,14 @@ set(ZEL_PC_CFLAGS)
 set(ZEL_PC_LIBS)
 if(ZEL_PLATFORM STREQUAL "host")
   set(stand_ins teec qeru_utility_nwd vconf system-info)
-  install(TARGETS ${stand_ins} stand_in_store LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(TARGETS ${stand_ins} stand_in_store LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          COMPONENT runtime)
   install(FILES
     ${PROJECT_SOURCE_DIR}/platform/teec/include/tee_client_api.h
     ${PROJECT_SOURCE_DIR}/platform/vconf/include/vconf.h
     ${PROJECT_SOURCE_DIR}/platform/sysinfo/include/system_info.h
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ZEL_INCLUDE_SUBDIR})
-  install(TARGETS zel-vaultd zel-tc RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ZEL_INCLUDE_SUBDIR} COMPONENT dev)
+  install(TARGETS zel-vaultd zel-tc RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
   foreach(name IN LISTS stand_ins)
     list(APPEND ZEL_CONFIG_LINK_LIBRARIES "\${_zel_prefix}/${CMAKE_INSTALL_LIBDIR}/lib${name}.so")
     string(APPEND ZEL_PC_LIBS " -l${name}")
@@ -73,5 +74,26 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/zel-tc-lib.pc.in ${CMAKE_BINARY_DIR}/pa
                @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/package/zel-tc-libConfig.cmake
               ${CMAKE_BINARY_DIR}/package/zel-tc-libConfigVersion.cmake
-        DESTINATION ${ZEL_CMAKE_DIR})
-install(FILES ${CMAKE_BINARY_DIR}/package/zel-tc-lib.pc DESTINATION ${ZEL_PKGCONFIG_DIR})
+        DESTINATION ${ZEL_CMAKE_DIR} COMPONENT dev)
+install(FILES ${CMAKE_BINARY_DIR}/package/zel-tc-lib.pc DESTINATION ${ZEL_PKGCONFIG_DIR}
+        COMPONENT dev)
+
+# Debian packages, one per component: cpack -G DEB in the build folder.
+set(CPACK_PACKAGE_NAME libzel-tc-lib)
+set(CPACK_PACKAGE_VENDOR "libzel-tc-lib developers")
+set(CPACK_PACKAGE_CONTACT "libzel-tc-lib developers <dev@libzel-tc-lib.local>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Test client of the secure vault's trusted application")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime dev)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzel-tc-lib0)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libssl3, libstdc++6")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzel-tc-lib-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libzel-tc-lib0 (= ${PROJECT_VERSION}), libssl-dev")
+if(ZEL_PLATFORM STREQUAL "host")
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zel-tc-tools)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libzel-tc-lib0 (= ${PROJECT_VERSION}), libsqlite3-0")
+endif()
+include(CPack)
