@@ -44,6 +44,14 @@ std::string defaultVaultdPath() {
     return "zel-vaultd";
 }
 
+std::string programEmulator() {
+#ifdef ZEL_LAUNCH_EMULATOR
+    return ZEL_LAUNCH_EMULATOR;
+#else
+    return {};
+#endif
+}
+
 std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::string& error) {
     std::unique_ptr<VaultDaemon> daemon(new VaultDaemon);
     daemon->socketPath_ = options.socketPath;
@@ -69,6 +77,8 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
         options.executable.empty() ? defaultVaultdPath() : options.executable;
     std::vector<std::string> arguments = {executable, "--socket", daemon->socketPath_, "--ready-fd",
                                           std::to_string(kReadyFdInChild)};
+    const std::string emulator = programEmulator();
+    if (!emulator.empty()) arguments.insert(arguments.begin(), emulator);
     if (options.control) arguments.push_back("--control");
     arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
     std::vector<char*> argv;
@@ -81,7 +91,7 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
     posix_spawn_file_actions_adddup2(&actions, readyWrite.get(), kReadyFdInChild);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     const int spawned =
-        posix_spawnp(&daemon->pid_, executable.c_str(), &actions, nullptr, argv.data(), environ);
+        posix_spawnp(&daemon->pid_, argv[0], &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     readyWrite.reset();
     if (spawned != 0) {
