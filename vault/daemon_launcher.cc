@@ -44,6 +44,14 @@ std::string defaultVaultdPath() {
     return "zel-vaultd";
 }
 
+std::string programEmulator() {
+#ifdef ZEL_LAUNCH_EMULATOR
+    return ZEL_LAUNCH_EMULATOR;
+#else
+    return {};
+#endif
+}
+
 std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::string& error) {
     std::unique_ptr<VaultDaemon> daemon(new VaultDaemon);
     daemon->socketPath_ = options.socketPath;
@@ -69,6 +77,8 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
         options.executable.empty() ? defaultVaultdPath() : options.executable;
     std::vector<std::string> arguments = {executable, "--socket", daemon->socketPath_, "--ready-fd",
                                           std::to_string(kReadyFdInChild)};
+    const std::string emulator = programEmulator();
+    if (!emulator.empty()) arguments.insert(arguments.begin(), emulator);
     if (options.control) arguments.push_back("--control");
     arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
     std::vector<char*> argv;
@@ -83,8 +93,8 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     if (options.ownSession) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
-    const int spawned = posix_spawnp(&daemon->pid_, executable.c_str(), &actions, &attributes,
-                                     argv.data(), environ);
+    const int spawned =
+        posix_spawnp(&daemon->pid_, argv[0], &actions, &attributes, argv.data(), environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     readyWrite.reset();

@@ -48,4 +48,9 @@ class VaultDaemon {
 // zel-vaultd beside the running program if there is one, else the bare name (found on PATH).
 std::string defaultVaultdPath();
 
+// What this build's programs are started through when one starts another: empty natively, the
+// emulator in a cross build that is tested on the build machine (ZEL_LAUNCH_EMULATOR), where a
+// foreign program cannot be exec'd directly without binfmt_misc.
+std::string programEmulator();
+
 }  // namespace zel::vault

@@ -33,7 +33,9 @@ CliRun zelTc(const std::string& arguments) {
     // Tests run in parallel processes: each call gets a file of its own.
     std::string errFile = testing::TempDir() + "zel_tc_stderr_XXXXXX";
     close(mkstemp(errFile.data()));
-    const std::string command = std::string(ZEL_TC_PATH) + " " + arguments + " 2>" + errFile;
+    const std::string emulator = zel::vault::programEmulator();
+    const std::string command =
+        (emulator.empty() ? "" : emulator + " ") + ZEL_TC_PATH + " " + arguments + " 2>" + errFile;
     FILE* pipe = popen(command.c_str(), "r");
     std::string out;
     char buffer[4096];

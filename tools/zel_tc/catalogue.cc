@@ -220,7 +220,9 @@ const CatalogueEntry* find(const std::string& word) {
     const bool numeric = parseNumber(word, number);
     for (const CatalogueEntry& entry : catalogue()) {
         const std::string name = entry.name;
-        if (word == name || "zel_" + word == name || (numeric && number == entry.number))
+        // Compared in 64 bits: a 32-bit long would turn into an unsigned one and -1 into 2^32-1.
+        if (word == name || "zel_" + word == name ||
+            (numeric && static_cast<long long>(number) == entry.number))
             return &entry;
     }
     return nullptr;
