@@ -60,6 +60,10 @@ const ItemRule kItems[] = {
     {SecureProcessorTa::kAppVersion, text("7.1"), true, 256, 1},
 };
 
+bool allZero(const Bytes& bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b == 0; });
+}
+
 const ItemRule* ruleOf(uint32_t item) {
     for (const ItemRule& rule : kItems)
         if (static_cast<uint32_t>(rule.item) == item) return &rule;
@@ -159,9 +163,7 @@ TEEC_Result SecureProcessorTa::updateFW(RequestFields& in, wsm::Writer&) {
     const TEEC_Result result = applyUpdate(in, record);
     if (result != TEEC_SUCCESS) return result;
     // Without a report, the outcome is the result itself: success only when both codes are 0.
-    return std::all_of(record.begin(), record.end(), [](uint8_t b) { return b == 0; })
-               ? TEEC_SUCCESS
-               : TEEC_ERROR_GENERIC;
+    return allZero(record) ? TEEC_SUCCESS : TEEC_ERROR_GENERIC;
 }
 
 TEEC_Result SecureProcessorTa::updateFWWithReport(RequestFields& in, wsm::Writer& out) {
@@ -182,9 +184,7 @@ TEEC_Result SecureProcessorTa::selfTestAll(RequestFields& in, wsm::Writer&) {
     Bytes hack;
     const TEEC_Result result = read(kHackStatus, hack);
     if (result != TEEC_SUCCESS) return result;
-    return std::all_of(hack.begin(), hack.end(), [](uint8_t b) { return b == 0; })
-               ? TEEC_SUCCESS
-               : TEEC_ERROR_SECURITY;
+    return allZero(hack) ? TEEC_SUCCESS : TEEC_ERROR_SECURITY;
 }
 
 TEEC_Result SecureProcessorTa::getHackInfo(RequestFields& in, wsm::Writer& out) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "hex_arg.h"
 #include "zel_tc_lib.h"
 
 namespace zel::tc {
@@ -13,14 +14,6 @@ namespace zel::tc {
 namespace {
 
 using Arguments = std::vector<std::string>;
-
-// The bytes of a hexadecimal text, through the library's own conversion.
-bool bytesOf(const std::string& hex, std::vector<unsigned char>& bytes) {
-    unsigned int size = static_cast<unsigned int>(hex.size() / 2);
-    bytes.resize(size);
-    return hex_str_2_bin(bytes.data(), hex.c_str(), &size, static_cast<unsigned int>(hex.size())) ==
-           0;
-}
 
 bool int32Of(const std::string& text, int32_t& value) {
     char* end = nullptr;
@@ -38,8 +31,8 @@ int resultText(const Arguments& args) {
 }
 
 int sha256(const Arguments& args) {
-    std::vector<unsigned char> data;
-    if (!bytesOf(args[0], data)) return 2;
+    std::vector<uint8_t> data;
+    if (!parseHex(args[0], data)) return 2;
     unsigned char digest[32];
     unsigned int size = sizeof digest;
     if (GetSHA256Hash(data.data(), static_cast<unsigned int>(data.size()), digest, &size) != 1)
@@ -49,8 +42,8 @@ int sha256(const Arguments& args) {
 }
 
 int base64(const Arguments& args) {
-    std::vector<unsigned char> data;
-    if (!bytesOf(args[0], data)) return 2;
+    std::vector<uint8_t> data;
+    if (!parseHex(args[0], data)) return 2;
     std::cout << base64_encode(reinterpret_cast<const char*>(data.data()),
                                static_cast<unsigned int>(data.size()))
               << std::endl;

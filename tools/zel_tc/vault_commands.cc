@@ -17,8 +17,8 @@
 #include "control_client.h"
 #include "control_ids.h"
 #include "daemon_launcher.h"
+#include "hex_arg.h"
 #include "interface/zel_ta_ids.h"
-#include "support/byte_helpers.h"
 #include "tee_names.h"
 #include "teec_wire.h"
 #include "uuid_arg.h"
@@ -64,12 +64,9 @@ bool parseReply(const std::string& text, std::vector<uint8_t>& message) {
             written = kind == "int" ? writer.putInt(static_cast<int32_t>(number))
                                     : writer.putUint(static_cast<uint32_t>(number));
         } else if (kind == "blob") {
-            unsigned int size = static_cast<unsigned int>(value.size() / 2);
-            std::vector<uint8_t> bytes(size);
-            if (hex_str_2_bin(bytes.data(), value.c_str(), &size,
-                              static_cast<unsigned int>(value.size())) != 0)
-                return false;
-            written = writer.put(wsm::kBlob, bytes.data(), size);
+            std::vector<uint8_t> bytes;
+            if (!parseHex(value, bytes)) return false;
+            written = writer.put(wsm::kBlob, bytes.data(), static_cast<uint32_t>(bytes.size()));
         }
         if (!written) return false;
     }
@@ -169,13 +166,6 @@ bool readWords(const std::string& text, std::vector<uint8_t>& value) {
     return true;
 }
 
-bool readHex(const std::string& text, std::vector<uint8_t>& value) {
-    unsigned int size = static_cast<unsigned int>(text.size() / 2);
-    value.resize(size);
-    return hex_str_2_bin(value.data(), text.c_str(), &size,
-                         static_cast<unsigned int>(text.size())) == 0;
-}
-
 bool readText(const std::string& text, std::vector<uint8_t>& value) {
     value.assign(text.begin(), text.end());
     return true;
@@ -189,7 +179,7 @@ const AnswerOption kAnswers[] = {
     {"--firmware-words", "Firmware information: comma-separated 32-bit words (empty: none)",
      vault::kAnswerFirmwareWords, readWords},
     {"--hack-status", "Hack status bytes in hexadecimal (empty: none; non-zero: a hack)",
-     vault::kAnswerHackStatus, readHex},
+     vault::kAnswerHackStatus, parseHex},
     {"--update-result", "The update's result record: ZEL,FIRMWARE codes, e.g. 1,-51",
      vault::kAnswerUpdateResult, readRecord},
     {"--system-version", "System version text an update reports", vault::kAnswerSystemVersion,
