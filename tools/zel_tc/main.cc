@@ -11,13 +11,13 @@
 #include <memory>
 
 #include "catalogue.h"
-#include "daemon_launcher.h"
 #include "helper_commands.h"
 #include "reports.h"
+#include "run_identity.h"
 #include "step_runner.h"
 #include "tee_names.h"
+#include "tee_target.h"
 #include "uuid_arg.h"
-#include "vault_commands.h"
 
 namespace {
 
@@ -45,7 +45,9 @@ void listSteps() {
 struct RunOptions {
     std::vector<std::string> words;
     bool all = false;
-    std::string socket, vaultd, uuidText, junit, json;
+    zel::tc::TeeTargetOptions target;
+    std::string uuidText, junit, json;
+    bool firmwareVersions = false;
     zel::tc::Overrides overrides;
     unsigned repeat = 1;
     bool stopOnFailure = false;
@@ -57,7 +59,8 @@ bool writable(const std::string& path) {
     return path.empty() || std::ofstream(path, std::ios::app).good();
 }
 
-int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options) {
+int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
+             const zel::tc::RunInfo& info) {
     std::vector<zel::tc::StepRecord> records;
     bool stop = false;
     for (unsigned round = 1; round <= options.repeat && !stop; ++round) {
@@ -83,12 +86,12 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options)
     zel::tc::writeSummary(std::cerr, records, options.timeoutSeconds);
     bool reported = true;
     if (!options.junit.empty() &&
-        !zel::tc::writeJunit(options.junit, records, options.timeoutSeconds)) {
+        !zel::tc::writeJunit(options.junit, info, records, options.timeoutSeconds)) {
         say("cannot write " + options.junit);
         reported = false;
     }
     if (!options.json.empty() &&
-        !zel::tc::writeJson(options.json, records, options.timeoutSeconds)) {
+        !zel::tc::writeJson(options.json, info, records, options.timeoutSeconds)) {
         say("cannot write " + options.json);
         reported = false;
     }
@@ -125,18 +128,16 @@ int run(RunOptions& options) {
         say(error);
         return kExitUsage;
     }
-    std::unique_ptr<zel::vault::VaultDaemon> daemon;
-    if (options.socket.empty()) {
-        daemon = zel::vault::VaultDaemon::start({options.vaultd, {}, false, {}}, error);
-        if (!daemon) {
-            say(error);
-            return kExitUsage;
-        }
-        options.socket = daemon->socketPath();
+    zel::tc::TeeTarget target;
+    if (!target.open(options.target, error)) {
+        say(error);
+        return kExitUsage;
     }
-    // The TEE client library finds the default TEE here.
-    setenv("ZEL_TEE_SOCKET", options.socket.c_str(), 1);
-    return runSteps(steps, options);
+    zel::tc::RunInfo info{zel::tc::platformName(), target.where(), {}};
+    info.identity = zel::tc::readRunIdentity(
+        {options.timeoutSeconds, options.firmwareVersions, options.overrides.param.value_or(0)});
+    say("identity " + zel::tc::identityLine(info.identity));
+    return runSteps(steps, options, info);
 }
 
 }  // namespace
@@ -153,9 +154,7 @@ int main(int argc, char** argv) {
     run->add_option("steps", options.words,
                     "Step names, numbers or patterns: \"bist 7\", 503, zel_put, put, 'zel_get*'");
     run->add_flag("--all", options.all, "The whole plan, in dependency order");
-    run->add_option("--socket", options.socket,
-                    "Use the TEE daemon already listening here instead of starting one");
-    run->add_option("--vaultd", options.vaultd, "The zel-vaultd to start (default: beside zel-tc)");
+    zel::tc::addTeeTargetOptions(*run, options.target);
     run->add_option("--data-type", options.overrides.dataType,
                     "Test data of the scenarios: 0 random, 1 or 2 a fixed vector set");
     run->add_option("--index", options.overrides.index, "Slot or key index of the scenarios");
@@ -169,12 +168,15 @@ int main(int argc, char** argv) {
     run->add_option("--timeout", options.timeoutSeconds,
                     "Seconds a step may take before it is killed as hung; 0: no limit")
         ->capture_default_str();
+    run->add_flag("--fw-versions", options.firmwareVersions,
+                  "Also record the secure processor's version texts (sends ze_updateFW, which "
+                  "starts a firmware update on a device)");
     run->add_option("--junit", options.junit, "Write a JUnit XML report here");
     run->add_option("--json", options.json, "Write a JSON report here");
 
     int exitCode = 0;
     run->callback([&] { exitCode = ::run(options); });
-    zel::tc::addVaultCommands(app, exitCode);
+    zel::tc::addTeeCommands(app, exitCode);
     zel::tc::addHelperCommands(app, exitCode);
 
     try {

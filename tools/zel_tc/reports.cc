@@ -130,8 +130,8 @@ void writeSummary(std::ostream& out, const std::vector<StepRecord>& records,
     out << "zel-tc: " << records.size() - failed << " passed, " << failed << " failed" << std::endl;
 }
 
-bool writeJunit(const std::string& path, const std::vector<StepRecord>& records,
-                unsigned timeoutSeconds) {
+bool writeJunit(const std::string& path, const RunInfo& run,
+                const std::vector<StepRecord>& records, unsigned timeoutSeconds) {
     std::ofstream xml(path);
     int errors = 0, failures = 0;
     for (const StepRecord& record : records) {
@@ -145,7 +145,16 @@ bool writeJunit(const std::string& path, const std::vector<StepRecord>& records,
         << "<testsuites tests=\"" << records.size() << "\" failures=\"" << failures
         << "\" errors=\"" << errors << "\" time=\"" << totalSeconds(records) << "\">\n"
         << "  <testsuite name=\"zel-tc\" tests=\"" << records.size() << "\" failures=\"" << failures
-        << "\" errors=\"" << errors << "\" time=\"" << totalSeconds(records) << "\">\n";
+        << "\" errors=\"" << errors << "\" time=\"" << totalSeconds(records) << "\">\n"
+        << "    <properties>\n";
+    auto property = [&xml](const std::string& name, const std::string& value) {
+        xml << "      <property name=\"" << xmlEscaped(name) << "\" value=\"" << xmlEscaped(value)
+            << "\"/>\n";
+    };
+    property("platform", run.platform);
+    property("tee", run.tee);
+    for (const auto& [name, value] : run.identity) property(name, value);
+    xml << "    </properties>\n";
     for (const StepRecord& record : records) {
         xml << "    <testcase classname=\"zel-tc." << record.step.entry->number << "\" name=\""
             << xmlEscaped(record.title()) << "\" time=\"" << record.outcome.seconds << "\">\n";
@@ -164,11 +173,16 @@ bool writeJunit(const std::string& path, const std::vector<StepRecord>& records,
     return !xml.fail();
 }
 
-bool writeJson(const std::string& path, const std::vector<StepRecord>& records,
+bool writeJson(const std::string& path, const RunInfo& run, const std::vector<StepRecord>& records,
                unsigned timeoutSeconds) {
     std::ofstream json(path);
     const int failed = countFailed(records);
-    json << "{\n  \"passed\": " << records.size() - failed << ",\n  \"failed\": " << failed
+    json << "{\n  \"run\": {\"platform\": " << jsonString(run.platform)
+         << ", \"tee\": " << jsonString(run.tee) << ", \"identity\": {";
+    for (size_t i = 0; i < run.identity.size(); ++i)
+        json << (i ? ", " : "") << jsonString(run.identity[i].first) << ": "
+             << jsonString(run.identity[i].second);
+    json << "}},\n  \"passed\": " << records.size() - failed << ",\n  \"failed\": " << failed
          << ",\n  \"steps\": [";
     const char* separator = "\n";
     for (const StepRecord& record : records) {

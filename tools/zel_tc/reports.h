@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "catalogue.h"
+#include "run_identity.h"
 #include "step_runner.h"
 
 namespace zel::tc {
@@ -28,12 +29,19 @@ struct StepRecord {
     std::string title() const;
 };
 
+// What a run was made against, for the reports' metadata.
+struct RunInfo {
+    std::string platform;  // "host" or "device"
+    std::string tee;       // where the TEE was reached
+    RunIdentity identity;
+};
+
 void writeSummary(std::ostream& out, const std::vector<StepRecord>& records,
                   unsigned timeoutSeconds);
 // False when the file cannot be written.
-bool writeJunit(const std::string& path, const std::vector<StepRecord>& records,
-                unsigned timeoutSeconds);
-bool writeJson(const std::string& path, const std::vector<StepRecord>& records,
+bool writeJunit(const std::string& path, const RunInfo& run,
+                const std::vector<StepRecord>& records, unsigned timeoutSeconds);
+bool writeJson(const std::string& path, const RunInfo& run, const std::vector<StepRecord>& records,
                unsigned timeoutSeconds);
 
 }  // namespace zel::tc

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 namespace zel::tc {
@@ -41,19 +42,27 @@ bool writeAll(int fd, const char* data, size_t size) {
     return true;
 }
 
-[[noreturn]] void runChild(const std::function<int32_t()>& step, Pipe& out, Pipe& result) {
+[[noreturn]] void runChild(const std::function<int32_t(std::string&)>& work, Pipe& out,
+                          Pipe& result) {
     dup2(out.fds[1], STDOUT_FILENO);
-    const int32_t value = step();
+    std::string payload;
+    const int32_t value = work(payload);
     std::cout.flush();
     std::fflush(stdout);
-    const bool sent = writeAll(result.fds[1], reinterpret_cast<const char*>(&value), sizeof value);
+    payload.insert(0, reinterpret_cast<const char*>(&value), sizeof value);
+    const bool sent = writeAll(result.fds[1], payload.data(), payload.size());
     // _exit: the parent's objects (its daemon among them) are not the child's to destroy.
     _exit(sent ? 0 : 1);
 }
 
 }  // namespace
 
-StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSeconds) {
+StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSeconds, Echo echo) {
+    return runIsolated([&step](std::string&) { return step(); }, timeoutSeconds, echo);
+}
+
+StepOutcome runIsolated(const std::function<int32_t(std::string& payload)>& work,
+                        unsigned timeoutSeconds, Echo echo) {
     StepOutcome outcome;
     const auto started = std::chrono::steady_clock::now();
     Pipe out, result;
@@ -71,7 +80,7 @@ StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSe
         outcome.end = StepOutcome::End::kCrashed;
         return outcome;
     }
-    if (child == 0) runChild(step, out, result);
+    if (child == 0) runChild(work, out, result);
     out.closeEnd(1);
     result.closeEnd(1);
 
@@ -97,7 +106,7 @@ StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSe
         const ssize_t got = read(out.fds[0], buffer, sizeof buffer);
         if (got < 0 && errno == EINTR) continue;
         if (got <= 0) break;  // the child closed its stdout: it is done
-        writeAll(STDOUT_FILENO, buffer, static_cast<size_t>(got));
+        if (echo == Echo::kOn) writeAll(STDOUT_FILENO, buffer, static_cast<size_t>(got));
         pending.append(buffer, static_cast<size_t>(got));
         for (size_t end; (end = pending.find('\n')) != std::string::npos;) {
             outcome.lines.push_back(pending.substr(0, end));
@@ -109,8 +118,18 @@ StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSe
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
+    std::string reply;
+    for (ssize_t got; (got = read(result.fds[0], buffer, sizeof buffer)) != 0;) {
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) break;
+        reply.append(buffer, static_cast<size_t>(got));
+    }
     int32_t value = 0;
-    const bool returned = read(result.fds[0], &value, sizeof value) == sizeof value;
+    const bool returned = reply.size() >= sizeof value;
+    if (returned) {
+        std::memcpy(&value, reply.data(), sizeof value);
+        outcome.payload = reply.substr(sizeof value);
+    }
     if (outcome.end != StepOutcome::End::kTimedOut) {
         if (returned && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
             outcome.result = value;

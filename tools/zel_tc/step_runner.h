@@ -17,10 +17,18 @@ struct StepOutcome {
     int signal = 0;      // what ended it, when it crashed
     double seconds = 0;
     std::vector<std::string> lines;  // what it printed on stdout
+    std::string payload;             // what it handed back besides its result
 };
+
+// Whether the child's stdout is passed on to zel-tc's stdout or only kept.
+enum class Echo { kOn, kOff };
 
 // timeoutSeconds 0: no limit. The step's function runs in the child; the parent keeps nothing of
 // the child's memory but the outcome.
-StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSeconds);
+StepOutcome runIsolated(const std::function<int32_t()>& step, unsigned timeoutSeconds,
+                        Echo echo = Echo::kOn);
+// The same for work that hands back bytes (at most a pipe's buffer, 64 KiB) as well as a result.
+StepOutcome runIsolated(const std::function<int32_t(std::string& payload)>& work,
+                        unsigned timeoutSeconds, Echo echo);
 
 }  // namespace zel::tc

@@ -1,0 +1,40 @@
+// The host build's side of the seam: the host TEE daemon.
+#include <cstdlib>
+
+#include "daemon_launcher.h"
+#include "tee_target.h"
+#include "vault_commands.h"
+
+namespace zel::tc {
+
+const char* platformName() { return "host"; }
+
+void addTeeTargetOptions(CLI::App& command, TeeTargetOptions& options) {
+    command.add_option("--socket", options.socket,
+                       "Use the TEE daemon already listening here instead of starting one");
+    command.add_option("--vaultd", options.vaultd,
+                       "The zel-vaultd to start (default: beside zel-tc)");
+}
+
+struct TeeTarget::Held {
+    std::unique_ptr<vault::VaultDaemon> daemon;
+};
+
+TeeTarget::TeeTarget() : held_(std::make_unique<Held>()) {}
+TeeTarget::~TeeTarget() = default;
+
+bool TeeTarget::open(const TeeTargetOptions& options, std::string& error) {
+    where_ = options.socket;
+    if (where_.empty()) {
+        held_->daemon = vault::VaultDaemon::start({options.vaultd, {}, false, {}}, error);
+        if (!held_->daemon) return false;
+        where_ = held_->daemon->socketPath();
+    }
+    // The TEE client library finds the default TEE here.
+    setenv("ZEL_TEE_SOCKET", where_.c_str(), 1);
+    return true;
+}
+
+void addTeeCommands(CLI::App& app, int& exitCode) { addVaultCommands(app, exitCode); }
+
+}  // namespace zel::tc
