@@ -29,13 +29,15 @@ Lines splitLines(const std::string& text) {
     return lines;
 }
 
-CliRun zelTc(const std::string& arguments) {
+// environment: "NAME=value ..." for zel-tc alone.
+CliRun zelTc(const std::string& arguments, const std::string& environment = "") {
     // Tests run in parallel processes: each call gets a file of its own.
     std::string errFile = testing::TempDir() + "zel_tc_stderr_XXXXXX";
     close(mkstemp(errFile.data()));
     const std::string emulator = zel::vault::programEmulator();
     const std::string command =
-        (emulator.empty() ? "" : emulator + " ") + ZEL_TC_PATH + " " + arguments + " 2>" + errFile;
+        environment + " " + (emulator.empty() ? "" : emulator + " ") + ZEL_TC_PATH + " " +
+        arguments + " 2>" + errFile;
     FILE* pipe = popen(command.c_str(), "r");
     std::string out;
     char buffer[4096];
@@ -238,6 +240,50 @@ TEST_F(ZelTcReportsTest, PlanPassesWithExpectedFailuresAndFailsWithAnInjectedOne
         << run.err;
     EXPECT_NE(run.err.find("60 passed, 1 failed"), std::string::npos) << run.err;
     EXPECT_EQ(junitSummary(), "61 1 0 zel_aesEncrypt");
+}
+
+TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
+    const std::string vconf = report + ".vconf", sysinfo = report + ".sysinfo";
+    std::ofstream(vconf) << "db/comss/serialnumber=R3CT 0042\n";
+    std::ofstream(sysinfo) << "model=ZV-1\nmanufacturer=Tessaril\n";
+    const std::string environment = "ZEL_VCONF_FILE=" + vconf + " ZEL_SYSTEM_INFO_FILE=" + sysinfo;
+    ASSERT_EQ(control.setSecureProcessor(3, {3, 0, 0, 0, 0xEF, 0xBE, 0xAD, 0xDE}), TEEC_SUCCESS);
+
+    // Without a configuration store nor system information: unavailable, not fatal.
+    CliRun run = zelTc("run process" + socket + " --json " + report + ".json");
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    // The library's lines of the queries stay out of stdout: the step's four lines only.
+    EXPECT_EQ(run.out.size(), 4u);
+    EXPECT_NE(run.err.find("zel-tc: identity device.serial=unavailable device.model=unavailable"),
+              std::string::npos)
+        << run.err;
+    run = zelTc("run process" + socket + " --fw-versions --junit " + report + ".xml", environment);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out.size(), 4u);
+    EXPECT_NE(run.err.find("zel-tc: identity device.serial=R3CT 0042 device.model=ZV-1 "
+                           "device.manufacturer=Tessaril device.platform_name=unavailable"),
+              std::string::npos)
+        << run.err;
+    std::stringstream json, xml;
+    json << std::ifstream(report + ".json").rdbuf();
+    xml << std::ifstream(report + ".xml").rdbuf();
+    EXPECT_NE(json.str().find("\"run\": {\"platform\": \"host\", \"tee\": \"" +
+                              daemon->socketPath() +
+                              "\", \"identity\": {\"device.serial\": \"unavailable\""),
+              std::string::npos)
+        << json.str();
+    EXPECT_NE(json.str().find("\"ta.firmware_words\": \"0x00000003,0xDEADBEEF\"}"),
+              std::string::npos)
+        << json.str();
+    for (const char* property :
+         {"<property name=\"device.serial\" value=\"R3CT 0042\"/>",
+          "<property name=\"device.build_date\" value=\"unavailable\"/>",
+          "<property name=\"ta.firmware_words\" value=\"0x00000003,0xDEADBEEF\"/>",
+          "<property name=\"ta.system_version\" value=\"1.0.2\"/>",
+          "<property name=\"ta.app_version\" value=\"7.1\"/>"})
+        EXPECT_NE(xml.str().find(property), std::string::npos) << property << "\n" << xml.str();
+    unlink(vconf.c_str());
+    unlink(sysinfo.c_str());
 }
 
 TEST_F(ZelTcReportsTest, PatternsRepeatAndStopOnFailure) {
