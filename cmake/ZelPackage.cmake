@@ -1,17 +1,36 @@
 # Install rules: libzel-tc-lib.so, its public headers under include/zel-tc-lib (so that a harness
-# writes #include <zel_tc_lib.h>), a pkg-config file and a CMake package config with the imported
-# target zel-tc-lib::zel-tc-lib. Host builds also install the stand-ins a harness links through,
-# zel-vaultd and zel-tc.
+# writes #include <zel_tc_lib.h>), a pkg-config file, a CMake package config with the imported
+# target zel-tc-lib::zel-tc-lib, and zel-tc. Host builds also install the host TEE: zel-vaultd and
+# the stand-ins of the platform libraries, in a private folder (ZEL_PRIVATE_LIBDIR) that only this
+# project's programs and library reach, through $ORIGIN-relative RUNPATHs, so that no generic
+# libteec.so ever stands in the library path. Components, one per Debian package: runtime, dev,
+# tools, host-tee; and platform, which installs the stand-ins as a device platform lays out its
+# libraries and headers (for testing the device build against them; never packaged).
 
 include(CMakePackageConfigHelpers)
 
 set(ZEL_INCLUDE_SUBDIR zel-tc-lib)
 set(ZEL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/zel-tc-lib)
 set(ZEL_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(ZEL_PRIVATE_LIBDIR ${CMAKE_INSTALL_LIBDIR}/zel-tc-lib)
+
+# RUNPATHs from each installed file to what it links: the library reaches the private folder
+# beside it; programs reach the library folder (for a tree installed outside the default search
+# path) and the private folder.
+file(RELATIVE_PATH bin_to_lib "/p/${CMAKE_INSTALL_BINDIR}" "/p/${CMAKE_INSTALL_LIBDIR}")
+set(library_rpath "")
+set(program_rpath "$ORIGIN/${bin_to_lib}")
+if(ZEL_PLATFORM STREQUAL "host")
+  set(library_rpath "$ORIGIN/zel-tc-lib")
+  string(APPEND program_rpath ":$ORIGIN/${bin_to_lib}/zel-tc-lib")
+endif()
+set_target_properties(zel-tc-lib PROPERTIES INSTALL_RPATH "${library_rpath}")
+set_target_properties(zel-tc PROPERTIES INSTALL_RPATH "${program_rpath}")
 
 install(TARGETS zel-tc-lib
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ZEL_INCLUDE_SUBDIR} COMPONENT dev)
+install(TARGETS zel-tc RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 
 # What the public headers include and the library links, as the installed files see it:
 # ZEL_CONFIG_* for the CMake config (relative to its prefix variable), ZEL_PC_* for pkg-config.
@@ -20,19 +39,30 @@ set(ZEL_CONFIG_LINK_LIBRARIES)
 set(ZEL_PC_CFLAGS)
 set(ZEL_PC_LIBS)
 if(ZEL_PLATFORM STREQUAL "host")
-  set(stand_ins teec qeru_utility_nwd vconf system-info)
-  install(TARGETS ${stand_ins} stand_in_store LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-          COMPONENT runtime)
-  install(FILES
+  set(stand_ins teec qeru_utility_nwd vconf system-info stand_in_store)
+  set_target_properties(${stand_ins} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  set_target_properties(zel-vaultd PROPERTIES INSTALL_RPATH "${program_rpath}")
+  install(TARGETS ${stand_ins} LIBRARY DESTINATION ${ZEL_PRIVATE_LIBDIR} COMPONENT host-tee)
+  install(TARGETS zel-vaultd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT host-tee)
+  set(stand_in_headers
     ${PROJECT_SOURCE_DIR}/platform/teec/include/tee_client_api.h
     ${PROJECT_SOURCE_DIR}/platform/vconf/include/vconf.h
-    ${PROJECT_SOURCE_DIR}/platform/sysinfo/include/system_info.h
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ZEL_INCLUDE_SUBDIR} COMPONENT dev)
-  install(TARGETS zel-vaultd zel-tc RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
-  foreach(name IN LISTS stand_ins)
-    list(APPEND ZEL_CONFIG_LINK_LIBRARIES "\${_zel_prefix}/${CMAKE_INSTALL_LIBDIR}/lib${name}.so")
-    string(APPEND ZEL_PC_LIBS " -l${name}")
-  endforeach()
+    ${PROJECT_SOURCE_DIR}/platform/sysinfo/include/system_info.h)
+  install(FILES ${stand_in_headers}
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ZEL_INCLUDE_SUBDIR} COMPONENT dev)
+  # A harness compiles against the stand-ins' headers and links the library alone: the library
+  # finds the stand-ins through its own RUNPATH.
+  # The platform tree: what ZEL_PLATFORM=device looks for, where a platform's -dev packages put it.
+  install(TARGETS ${stand_ins} LIBRARY DESTINATION lib COMPONENT platform EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_SOURCE_DIR}/platform/teec/include/tee_client_api.h
+          DESTINATION include COMPONENT platform EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_SOURCE_DIR}/platform/wsm/qeru_wsm.h
+                ${PROJECT_SOURCE_DIR}/platform/wsm/wsm_encoding.h
+          DESTINATION include/qeru COMPONENT platform EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_SOURCE_DIR}/platform/vconf/include/vconf.h
+          DESTINATION include/vconf COMPONENT platform EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_SOURCE_DIR}/platform/sysinfo/include/system_info.h
+          DESTINATION include/system COMPONENT platform EXCLUDE_FROM_ALL)
 else()
   foreach(dir IN ITEMS "${ZEL_TEEC_INCLUDE_DIR}" "${ZEL_SYSTEM_INFO_INCLUDE_DIR}")
     list(APPEND ZEL_CONFIG_INCLUDE_DIRS "${dir}")
@@ -77,23 +107,3 @@ install(FILES ${CMAKE_BINARY_DIR}/package/zel-tc-libConfig.cmake
         DESTINATION ${ZEL_CMAKE_DIR} COMPONENT dev)
 install(FILES ${CMAKE_BINARY_DIR}/package/zel-tc-lib.pc DESTINATION ${ZEL_PKGCONFIG_DIR}
         COMPONENT dev)
-
-# Debian packages, one per component: cpack -G DEB in the build folder.
-set(CPACK_PACKAGE_NAME libzel-tc-lib)
-set(CPACK_PACKAGE_VENDOR "libzel-tc-lib developers")
-set(CPACK_PACKAGE_CONTACT "libzel-tc-lib developers <dev@libzel-tc-lib.local>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Test client of the secure vault's trusted application")
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzel-tc-lib0)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libssl3, libstdc++6")
-set(CPACK_DEBIAN_DEV_PACKAGE_NAME libzel-tc-lib-dev)
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libzel-tc-lib0 (= ${PROJECT_VERSION}), libssl-dev")
-if(ZEL_PLATFORM STREQUAL "host")
-  list(APPEND CPACK_COMPONENTS_ALL tools)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME zel-tc-tools)
-  set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libzel-tc-lib0 (= ${PROJECT_VERSION}), libsqlite3-0")
-endif()
-include(CPack)
