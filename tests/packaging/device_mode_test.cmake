@@ -162,8 +162,9 @@ expect_file("${install}/include/zel-tc-lib/zel_tc_lib.h")
 expect_file("${install}/include/zel-tc-lib/support/device_identity.h")
 expect_file("${install}/lib/pkgconfig/zel-tc-lib.pc")
 expect_file("${install}/lib/cmake/zel-tc-lib/zel-tc-libConfig.cmake")
-# Nothing of the host's: no stand-ins, no daemon, no zel-tc.
-foreach(host_only lib/libvconf.so lib/libteec.so bin/zel-vaultd bin/zel-tc)
+expect_file("${install}/bin/zel-tc")
+# Nothing of the host's: no stand-ins, no daemon.
+foreach(host_only lib/libvconf.so lib/libteec.so bin/zel-vaultd lib/zel-tc-lib)
   if(EXISTS "${build}/${host_only}" OR EXISTS "${install}/${host_only}")
     message(FATAL_ERROR "device mode built or installed the host's ${host_only}")
   endif()
