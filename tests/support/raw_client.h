@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "descriptor_message.h"
 #include "teec_wire.h"
 #include "unique_fd.h"
 
@@ -45,21 +46,10 @@ class RawClient {
     }
     // A message of any size (0 too) carrying every descriptor given.
     wire::Reply sendWithDescriptors(const void* bytes, size_t size, const std::vector<int>& fds) {
-        iovec iov{const_cast<void*>(bytes), size};
-        msghdr msg{};
-        msg.msg_iov = &iov;
-        msg.msg_iovlen = 1;
-        std::vector<char> control(CMSG_SPACE(fds.size() * sizeof(int)));
-        msg.msg_control = control.data();
-        msg.msg_controllen = control.size();
-        cmsghdr* header = CMSG_FIRSTHDR(&msg);
-        header->cmsg_level = SOL_SOCKET;
-        header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
-        std::memcpy(CMSG_DATA(header), fds.data(), fds.size() * sizeof(int));
         wire::Reply reply{};
         reply.result = 0xDEADBEEF;
-        if (sendmsg(fd_.get(), &msg, MSG_NOSIGNAL) == static_cast<ssize_t>(size))
+        if (zel::test::sendWithDescriptors(fd_.get(), bytes, size, fds) ==
+            static_cast<ssize_t>(size))
             received_ = recv(fd_.get(), &reply, sizeof reply, 0);
         return reply;
     }
