@@ -132,7 +132,12 @@ bool openStamped(sqlite3* db, const std::string& path, std::string& error) {
 
 }  // namespace
 
-TEEC_Result resultFromSqlite(int code) {
+TEEC_Result resultFromSqlite(int code, int systemError) {
+    // An I/O error says what the filesystem said: full, or read-only.
+    if ((code & 0xFF) == SQLITE_IOERR || (code & 0xFF) == SQLITE_FULL) {
+        if (systemError == ENOSPC || systemError == EDQUOT) return 0xFFFF3041;
+        if (systemError == EROFS || systemError == EACCES) return TEEC_ERROR_ACCESS_DENIED;
+    }
     switch (code & 0xFF) {
         case SQLITE_OK:
         case SQLITE_DONE:
@@ -197,7 +202,8 @@ TEEC_Result VaultStorage::exec(const char* sql, const std::vector<Value>& parame
         ++position;
     }
     const int step = sqlite3_step(statement.get());
-    if (step != SQLITE_ROW && step != SQLITE_DONE) return resultFromSqlite(step);
+    if (step != SQLITE_ROW && step != SQLITE_DONE)
+        return resultFromSqlite(step, sqlite3_system_errno(db_));
     if (expect == Expect::kRow) {
         if (step != SQLITE_ROW) return TEEC_ERROR_ITEM_NOT_FOUND;
         for (int column = 0; column < sqlite3_column_count(statement.get()); ++column) {

@@ -77,7 +77,7 @@ class VaultStorage {
     std::mutex lock_;
 };
 
-// The one place where an SQLite result becomes a GP result.
-TEEC_Result resultFromSqlite(int code);
+// The one place where an SQLite result (with the errno behind an I/O error) becomes a GP result.
+TEEC_Result resultFromSqlite(int code, int systemError = 0);
 
 }  // namespace zel::vault
