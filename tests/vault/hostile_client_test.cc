@@ -83,8 +83,8 @@ TEST_F(HostileClientTest, ConnectionsAreReapedAsSoonAsTheyEnd) {
     }
     // No further connection arrives to prompt it.
     EXPECT_TRUE(zel::test::eventually([&] {
-        return zel::test::threadCount(pid) == threads &&
-               zel::test::openDescriptors(pid) == descriptors;
+        return zel::test::threadCount(pid) <= threads &&
+               zel::test::openDescriptors(pid) <= descriptors;
     })) << "threads " << zel::test::threadCount(pid) << " (were " << threads << "), descriptors "
         << zel::test::openDescriptors(pid) << " (were " << descriptors << ")";
 }
