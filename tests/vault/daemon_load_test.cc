@@ -48,6 +48,7 @@ int clientWork(int index, int rounds) {
 
 TEST_F(DaemonLoadTest, ThirtyTwoClientProcessesGetEveryReplyRight) {
     const pid_t pid = daemon->pid();
+    zel::test::warmUp(daemon->socketPath());
     const int threads = zel::test::threadCount(pid);
     const int descriptors = zel::test::openDescriptors(pid);
     std::vector<pid_t> children;
@@ -72,6 +73,7 @@ TEST_F(DaemonLoadTest, ThirtyTwoClientProcessesGetEveryReplyRight) {
 
 TEST_F(DaemonLoadTest, ClientsKilledInsideAStalledInvocationLeaveTheTaUsable) {
     const pid_t pid = daemon->pid();
+    zel::test::warmUp(daemon->socketPath());
     const int threads = zel::test::threadCount(pid);
     const int descriptors = zel::test::openDescriptors(pid);
     ASSERT_EQ(control.stallInvocations(zel_test, zel::cmd::zel_getSlotInfo, 3, 300), TEEC_SUCCESS);

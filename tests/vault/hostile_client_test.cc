@@ -71,6 +71,7 @@ TEST_F(HostileClientTest, DescriptorsPassedWithAnyMessageAreClosedAndTheMessageA
 
 TEST_F(HostileClientTest, ConnectionsAreReapedAsSoonAsTheyEnd) {
     const pid_t pid = daemon->pid();
+    zel::test::warmUp(daemon->socketPath());
     const int descriptors = zel::test::openDescriptors(pid);
     const int threads = zel::test::threadCount(pid);
     {
@@ -90,6 +91,11 @@ TEST_F(HostileClientTest, ConnectionsAreReapedAsSoonAsTheyEnd) {
 }
 
 TEST_F(HostileClientTest, AtTheDescriptorLimitTheListenerWaitsWithoutSpinning) {
+#ifdef __SANITIZE_ADDRESS__
+    // UBSan's vptr check opens a pipe to probe memory; with no descriptor left it reports a false
+    // "invalid vptr" in the daemon. The native and ThreadSanitizer runs cover this.
+    GTEST_SKIP() << "NOT TESTED under ASan/UBSan: their runtime needs descriptors this test takes";
+#endif
     const pid_t pid = daemon->pid();
     rlimit before{};
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, nullptr, &before), 0) << std::strerror(errno);
@@ -171,6 +177,7 @@ class UnprivilegedDaemonTest : public testing::Test {
 TEST_F(UnprivilegedDaemonTest, AConnectionWithoutAThreadIsClosedAloneAndTheDaemonServesOn) {
     const pid_t pid = daemon_->pid();
     const std::string socket = directory_ + "/socket";
+    zel::test::warmUp(socket);
     const int room = kMaxTasks - zel::test::threadCount(pid);
     ASSERT_GE(room, 1) << "the daemon starts with too many threads for this test";
     wire::Request open{};
