@@ -63,9 +63,11 @@ Connection::Received Connection::receive(wire::Request& request, UniqueFd& passe
     ssize_t received;
     do received = recvmsg(socket_, &msg, MSG_CMSG_CLOEXEC);
     while (received < 0 && errno == EINTR);
-    if (received <= 0) return Received::kClosed;
+    if (received < 0) return Received::kClosed;
 
-    // Keep the first descriptor passed, close any others.
+    // Every descriptor that arrived is owned before anything else is decided, whatever the
+    // message: the first is kept, the others closed. Ownership goes to the caller even when the
+    // message turns out malformed, so nothing stays open past this request.
     for (cmsghdr* header = CMSG_FIRSTHDR(&msg); header; header = CMSG_NXTHDR(&msg, header)) {
         if (header->cmsg_level != SOL_SOCKET || header->cmsg_type != SCM_RIGHTS) continue;
         const size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
@@ -78,6 +80,9 @@ Connection::Received Connection::receive(wire::Request& request, UniqueFd& passe
                 passed.reset(fd);
         }
     }
+    // An empty message is the peer's hang-up on a SEQPACKET socket, unless it carried
+    // descriptors: then it is a request, and a malformed one.
+    if (received == 0 && msg.msg_controllen == 0) return Received::kClosed;
     const bool whole = received == static_cast<ssize_t>(sizeof request) &&
                        (msg.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0;
     return whole ? Received::kRequest : Received::kMalformed;

@@ -79,6 +79,7 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
                                           std::to_string(kReadyFdInChild)};
     const std::string emulator = programEmulator();
     if (!emulator.empty()) arguments.insert(arguments.begin(), emulator);
+    arguments.insert(arguments.begin(), options.wrapper.begin(), options.wrapper.end());
     if (options.control) arguments.push_back("--control");
     arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
     std::vector<char*> argv;

@@ -19,6 +19,8 @@ class VaultDaemon {
         bool control = false;
         std::vector<std::string> extraArguments;
         bool ownSession = false;  // in a session of its own, apart from the caller's terminal
+        // A program (with its arguments) the daemon is run through, such as setpriv.
+        std::vector<std::string> wrapper = {};
     };
 
     // Null with a message in error when the daemon could not be started or did not get ready.

@@ -99,8 +99,15 @@ TEEC_Result SecureProcessorTa::setAnswer(uint32_t item, const Bytes& value) {
 
 TEEC_Result SecureProcessorTa::read(Item item, Bytes& value) {
     const TEEC_Result result = storage_.readItem(item, value);
-    if (result != TEEC_ERROR_ITEM_NOT_FOUND) return result;
     const ItemRule* rule = ruleOf(item);
+    if (result == TEEC_SUCCESS) {
+        // A stored value must still have the shape it was stored with.
+        const bool fits = rule->settable
+                              ? value.size() <= rule->maxSize && value.size() % rule->sizeStep == 0
+                              : item != kAkKey || value.size() == kAkKeyTextSize;
+        return fits ? TEEC_SUCCESS : TEEC_ERROR_BAD_STATE;
+    }
+    if (result != TEEC_ERROR_ITEM_NOT_FOUND) return result;
     if (!rule->settable) return result;  // provisioned state has no default
     value = rule->fallback;
     return TEEC_SUCCESS;

@@ -1,10 +1,14 @@
 #include "server.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <iostream>
 
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -81,30 +85,77 @@ bool Server::listen(std::string& error) {
         return false;
     }
     listener_ = std::move(fd);
+    finished_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    limit_ = connectionLimit();
     return true;
 }
 
 void Server::run(int stopFd) {
-    pollfd fds[2] = {{listener_.get(), POLLIN, 0}, {stopFd, POLLIN, 0}};
+    pollfd fds[3] = {{listener_.get(), POLLIN, 0}, {stopFd, POLLIN, 0}, {finished_.get(), POLLIN, 0}};
     for (;;) {
-        if (poll(fds, 2, -1) < 0) {
+        if (poll(fds, finished_ ? 3 : 2, -1) < 0) {
             if (errno == EINTR) continue;
             break;
         }
         if (fds[1].revents) break;
-        if (!(fds[0].revents & POLLIN)) continue;
-        UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        if (!socket) continue;
-        reapFinished();
-        if (clients_.size() >= kMaxConnections) continue;  // closing it tells the client
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        const int raw = socket.get();
-        clients_.push_back({std::move(socket), std::thread(), done});
-        clients_.back().thread = std::thread([this, raw, done] {
-            Connection(raw, registry_, faults_).serve();
-            done->store(true);
-        });
+        if (fds[2].revents) {
+            uint64_t count;
+            while (read(finished_.get(), &count, sizeof count) > 0) {
+            }
+            reapFinished();
+        }
+        if (fds[0].revents & POLLIN) serveNext();
     }
+}
+
+void Server::serveNext() {
+    UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!socket) {
+        if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) return;
+        // The pending connection stays in the backlog; wait for a connection to end (or a
+        // moment) before trying again, instead of polling a listener that stays readable.
+        if (!atDescriptorLimit_)
+            std::cerr << "zel-vaultd: out of descriptors (" << std::strerror(errno)
+                      << "); new connections wait until others end" << std::endl;
+        atDescriptorLimit_ = true;
+        pollfd wait{finished_.get(), POLLIN, 0};
+        poll(&wait, finished_ ? 1 : 0, 100);
+        return;
+    }
+    atDescriptorLimit_ = false;
+    reapFinished();
+    if (clients_.size() >= limit_) return;  // closing it tells the client
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    const int raw = socket.get();
+    const int finished = finished_.get();
+    try {
+        clients_.push_back({std::move(socket), std::thread(), done});
+        clients_.back().thread = std::thread([this, raw, done, finished] {
+            try {
+                Connection(raw, registry_, faults_).serve();
+            } catch (const std::exception& failure) {
+                // Only this connection is lost; closing it (below) tells its client.
+                std::cerr << "zel-vaultd: a connection failed: " << failure.what() << std::endl;
+                shutdown(raw, SHUT_RDWR);
+            }
+            done->store(true);
+            const uint64_t one = 1;
+            if (finished >= 0 && write(finished, &one, sizeof one) < 0) {
+            }
+        });
+    } catch (const std::exception& failure) {
+        std::cerr << "zel-vaultd: cannot serve a connection: " << failure.what() << std::endl;
+        if (!clients_.empty() && !clients_.back().thread.joinable() && clients_.back().socket.get() == raw)
+            clients_.pop_back();
+    }
+}
+
+size_t Server::connectionLimit() {
+    rlimit descriptors{};
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0 || descriptors.rlim_cur == RLIM_INFINITY)
+        return kMaxConnections;
+    if (descriptors.rlim_cur <= 2 * kReservedDescriptors) return 1 + descriptors.rlim_cur / 4;
+    return std::min<size_t>(kMaxConnections, descriptors.rlim_cur - kReservedDescriptors);
 }
 
 void Server::reapFinished() {

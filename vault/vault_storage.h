@@ -2,12 +2,16 @@
 // statement in its own transaction, committed (synchronous=FULL) before the command answers, so a
 // command that returned success survives a kill -9 of the daemon when the store is a file. The
 // default store is in memory. Thread-safe: the TAs that share it run one statement at a time.
+//
+// A file store is stamped as this daemon's (SQLite application_id) and must be the user's own,
+// mode 0600 (a new one is created so); any other file is refused at open and left untouched.
+// Every row carries a SHA-256 of its table, index and values, checked on every read: a damaged
+// row reads as TEEC_ERROR_BAD_STATE. Callers still check what they read against their own rules.
 #pragma once
 
 #include <tee_client_api.h>
 
 #include <cstdint>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -61,14 +65,19 @@ class VaultStorage {
     enum class Expect { kNothing, kRow, kChange };
 
     explicit VaultStorage(sqlite3* db) : db_(db) {}
-    TEEC_Result exec(const char* sql, std::initializer_list<Value> parameters, Expect expect,
+    TEEC_Result exec(const char* sql, const std::vector<Value>& parameters, Expect expect,
                      std::vector<Value>* row = nullptr);
+    // values: the index, then the row's columns; the checksum goes last.
+    static Bytes rowSum(const char* table, const std::vector<Value>& values);
+    TEEC_Result writeRow(const char* sql, const char* table, std::vector<Value> values);
+    // The row's columns without its checksum, once the checksum is found right.
+    TEEC_Result readRow(const char* sql, const char* table, int64_t index, std::vector<Value>& row);
 
     sqlite3* db_;
     std::mutex lock_;
 };
 
-// The one place where an SQLite result becomes a GP result.
-TEEC_Result resultFromSqlite(int code);
+// The one place where an SQLite result (with the errno behind an I/O error) becomes a GP result.
+TEEC_Result resultFromSqlite(int code, int systemError = 0);
 
 }  // namespace zel::vault

@@ -98,7 +98,7 @@ TEEC_Result VaultTa::get(RequestFields& in, wsm::Writer& out) {
     if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
     if (!validIndex(index)) return TEEC_ERROR_BAD_PARAMETERS;
     Bytes data;
-    const TEEC_Result result = storage_.readSlot(index, data);
+    const TEEC_Result result = readSlot(index, data);
     return result != TEEC_SUCCESS ? result : replyBuffer(out, data);
 }
 
@@ -121,7 +121,7 @@ TEEC_Result VaultTa::checkDataExistence(RequestFields& in, wsm::Writer&) {
     if (!validIndex(index) || (type != 0 && type != 1)) return TEEC_ERROR_BAD_PARAMETERS;
     Bytes data;
     StoredKey key;
-    return type == 0 ? storage_.readSlot(index, data) : storage_.readKey(index, key);
+    return type == 0 ? readSlot(index, data) : storage_.readKey(index, key);
 }
 
 TEEC_Result VaultTa::storeKey(RequestFields& in, wsm::Writer&) {
@@ -148,7 +148,7 @@ TEEC_Result VaultTa::getHash(RequestFields& in, wsm::Writer& out) {
     if (!in.complete()) return TEEC_ERROR_BAD_FORMAT;
     if (!validIndex(index) || type != 0) return TEEC_ERROR_BAD_PARAMETERS;
     Bytes data, digest;
-    TEEC_Result result = storage_.readSlot(index, data);
+    TEEC_Result result = readSlot(index, data);
     if (result == TEEC_SUCCESS) result = sha256(data, digest);
     return result != TEEC_SUCCESS ? result : replyBuffer(out, digest);
 }
@@ -182,7 +182,7 @@ TEEC_Result VaultTa::getSlotInfo(RequestFields& in, wsm::Writer& out) {
     if (!validIndex(index)) return TEEC_ERROR_BAD_PARAMETERS;
     Bytes data;
     StoredKey key;
-    const TEEC_Result slot = storage_.readSlot(index, data);
+    const TEEC_Result slot = readSlot(index, data);
     const TEEC_Result stored = storage_.readKey(index, key);
     for (const TEEC_Result result : {slot, stored})
         if (result != TEEC_SUCCESS && result != TEEC_ERROR_ITEM_NOT_FOUND) return result;
@@ -193,10 +193,22 @@ TEEC_Result VaultTa::getSlotInfo(RequestFields& in, wsm::Writer& out) {
     return TEEC_SUCCESS;
 }
 
+TEEC_Result VaultTa::readSlot(int32_t index, Bytes& data) {
+    const TEEC_Result result = storage_.readSlot(index, data);
+    if (result == TEEC_SUCCESS && (data.empty() || data.size() > kMaxSlotSize))
+        return TEEC_ERROR_BAD_STATE;
+    return result;
+}
+
 TEEC_Result VaultTa::keyOfType(int32_t index, int32_t type, Bytes& material) {
     StoredKey key;
     const TEEC_Result result = storage_.readKey(index, key);
     if (result != TEEC_SUCCESS) return result;
+    // A stored key is checked like a key arriving in a request: a bad one is bad state.
+    const bool wellFormed = key.type == kKeyTypeAes   ? key.material.size() == 32
+                            : key.type == kKeyTypeEc ? checkEcPrivateKey(key.material) == TEEC_SUCCESS
+                                                     : false;
+    if (!wellFormed) return TEEC_ERROR_BAD_STATE;
     if (key.type != type) return TEEC_ERROR_BAD_PARAMETERS;
     material = std::move(key.material);
     return TEEC_SUCCESS;
@@ -206,6 +218,7 @@ TEEC_Result VaultTa::hubToken(int32_t index, Bytes& id, Bytes& key) {
     Bytes token;
     const TEEC_Result result = storage_.readHubToken(index, token);
     if (result != TEEC_SUCCESS) return result;
+    if (token.size() < kHubIdSize + kHubKeySize) return TEEC_ERROR_BAD_STATE;
     id.assign(token.begin(), token.begin() + kHubIdSize);
     key.assign(token.begin() + kHubIdSize, token.begin() + kHubIdSize + kHubKeySize);
     return TEEC_SUCCESS;

@@ -50,6 +50,9 @@ class VaultTa {
     TEEC_Result getCMACwithHubToken(RequestFields& in, wsm::Writer& out);
 
   private:
+    // What is read back from storage is checked against the rules it was stored under;
+    // TEEC_ERROR_BAD_STATE when it breaks them.
+    TEEC_Result readSlot(int32_t index, Bytes& data);
     // The key material at index when the key there is of this type.
     TEEC_Result keyOfType(int32_t index, int32_t type, Bytes& material);
     // The hub token stored at index: its identity and its key.

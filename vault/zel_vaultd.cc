@@ -7,6 +7,7 @@
 #include <iostream>
 
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "control_ta.h"
@@ -49,6 +50,8 @@ int main(int argc, char** argv) {
         return 1;
     }
 
+    // The store, its WAL files and the socket are this user's alone.
+    umask(077);
     std::string error;
     const auto storage = VaultStorage::open(storagePath, error);
     if (!storage) {

@@ -8,13 +8,16 @@
 #include "teec_wire.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <new>
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -65,6 +68,40 @@ bool transact(TeecConnection& connection, const Request& request, int passFd, Re
     return received == static_cast<ssize_t>(sizeof reply);
 }
 
+// The TEE is whoever listens on the socket: its directory must be this user's own and closed to
+// everyone else (or another user could listen there first), and the process that listens must
+// run as this user or as root. Checked before anything is sent; the message says what is wrong.
+bool trustedDirectory(const std::string& path) {
+    const auto slash = path.find_last_of('/');
+    const std::string directory =
+        slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    struct stat info {};
+    const char* problem = nullptr;
+    if (lstat(directory.c_str(), &info) != 0)
+        return true;  // nothing there: connect() reports the missing socket
+    if (!S_ISDIR(info.st_mode))
+        problem = "is not a directory";
+    else if (info.st_uid != geteuid())
+        problem = "belongs to another user";
+    else if ((info.st_mode & 077) != 0)
+        problem = "is open to other users";
+    if (!problem) return true;
+    std::fprintf(stderr, "teec: refusing the TEE socket %s: its directory %s %s\n", path.c_str(),
+                 directory.c_str(), problem);
+    return false;
+}
+
+bool trustedPeer(int fd, const std::string& path) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+        (peer.uid == geteuid() || peer.uid == 0))
+        return true;
+    std::fprintf(stderr, "teec: refusing the TEE socket %s: it is served by another user (uid %u)\n",
+                 path.c_str(), static_cast<unsigned>(peer.uid));
+    return false;
+}
+
 TEEC_Result transportFailure(uint32_t* returnOrigin) {
     setOrigin(returnOrigin, TEEC_ORIGIN_COMMS);
     return TEEC_ERROR_GENERIC;
@@ -113,8 +150,16 @@ TEEC_Result marshal(const TEEC_Context* context, const TEEC_Operation* operation
 }
 
 // Copies what the TA may have written back: output values and the sizes of memory references.
-void unmarshal(const Reply& reply, TEEC_Operation* operation) {
-    if (!operation) return;
+// False, copying nothing, when a success reports a reference larger than its window: the daemon
+// broke the protocol. (A larger size with TEEC_ERROR_SHORT_BUFFER is the size the TA needs.)
+bool unmarshal(const Request& request, const Reply& reply, TEEC_Operation* operation) {
+    if (!operation) return true;
+    for (int i = 0; i < 4; ++i) {
+        const uint32_t type = TEEC_PARAM_TYPE_GET(operation->paramTypes, i);
+        if (zel::wire::paramKind(type) == zel::wire::ParamKind::kMemref &&
+            reply.result == TEEC_SUCCESS && reply.params[i].size > request.params[i].size)
+            return false;
+    }
     for (int i = 0; i < 4; ++i) {
         const uint32_t type = TEEC_PARAM_TYPE_GET(operation->paramTypes, i);
         TEEC_Parameter& param = operation->params[i];
@@ -126,6 +171,7 @@ void unmarshal(const Reply& reply, TEEC_Operation* operation) {
             param.memref.size = reply.params[i].size;
         }
     }
+    return true;
 }
 
 }  // namespace
@@ -140,6 +186,7 @@ TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path) return TEEC_ERROR_BAD_PARAMETERS;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    if (!trustedDirectory(path)) return TEEC_ERROR_ACCESS_DENIED;
 
     const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (fd < 0) return resultFromErrno(errno);
@@ -147,6 +194,10 @@ TEEC_Result TEEC_InitializeContext(const char* name, TEEC_Context* context) {
         const int error = errno;
         close(fd);
         return resultFromErrno(error);
+    }
+    if (!trustedPeer(fd, path)) {
+        close(fd);
+        return TEEC_ERROR_ACCESS_DENIED;
     }
     auto* connection = new (std::nothrow) TeecConnection;
     if (!connection) {
@@ -202,9 +253,10 @@ TEEC_Result TEEC_AllocateSharedMemory(TEEC_Context* context, TEEC_SharedMemory* 
     Reply reply{};
     const bool delivered = transact(*context->imp, request, fd, reply);
     close(fd);
-    if (!delivered || reply.result != TEEC_SUCCESS) {
+    // Id 0 marks a block as not allocated: a success that names it broke the protocol.
+    if (!delivered || reply.result != TEEC_SUCCESS || reply.id == 0) {
         munmap(buffer, mapped);
-        return delivered ? reply.result : TEEC_ERROR_GENERIC;
+        return delivered && reply.result != TEEC_SUCCESS ? reply.result : TEEC_ERROR_GENERIC;
     }
     sharedMem->buffer = buffer;
     sharedMem->context = context;
@@ -250,7 +302,7 @@ TEEC_Result TEEC_OpenSession(TEEC_Context* context, TEEC_Session* session,
     if (!transact(*context->imp, request, -1, reply)) return transportFailure(returnOrigin);
     setOrigin(returnOrigin, reply.origin);
     if (reply.result != TEEC_SUCCESS) return reply.result;
-    unmarshal(reply, operation);
+    if (!unmarshal(request, reply, operation)) return transportFailure(returnOrigin);
     session->context = context;
     session->id = reply.id;
     return TEEC_SUCCESS;
@@ -282,8 +334,8 @@ TEEC_Result TEEC_InvokeCommand(TEEC_Session* session, uint32_t commandID, TEEC_O
     Reply reply{};
     if (!transact(*session->context->imp, request, -1, reply))
         return transportFailure(returnOrigin);
+    if (!unmarshal(request, reply, operation)) return transportFailure(returnOrigin);
     setOrigin(returnOrigin, reply.origin);
-    unmarshal(reply, operation);
     return reply.result;
 }
 

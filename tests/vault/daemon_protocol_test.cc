@@ -13,80 +13,14 @@
 #include "interface/zel_ta_ids.h"
 #include "teec_wire.h"
 #include "unique_fd.h"
+#include "raw_client.h"
 #include "vault_fixture.h"
 
 namespace {
 
 using zel::vault::UniqueFd;
+using zel::test::RawClient;
 namespace wire = zel::wire;
-
-// Speaks the wire protocol directly, so that a test can send what no TEE client library would.
-class RawClient {
-  public:
-    explicit RawClient(const std::string& path) : fd_(socket(AF_UNIX, SOCK_SEQPACKET, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        connected_ = connect(fd_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    bool connected() const { return connected_; }
-
-    wire::Reply sendBytes(const void* bytes, size_t size, int passFd = -1) {
-        wire::Reply reply{};
-        reply.result = 0xDEADBEEF;
-        if (wire::sendMessage(fd_.get(), bytes, size, passFd)) {
-            EXPECT_EQ(recv(fd_.get(), &reply, sizeof reply, 0), static_cast<ssize_t>(sizeof reply));
-        }
-        return reply;
-    }
-    wire::Reply call(const wire::Request& request, int passFd = -1) {
-        return sendBytes(&request, sizeof request, passFd);
-    }
-
-    uint32_t openSession(const TEEC_UUID& uuid) {
-        wire::Request request{};
-        request.op = wire::kOpenSession;
-        request.uuid = wire::uuidBytes(uuid);
-        const wire::Reply reply = call(request);
-        EXPECT_EQ(reply.result, TEEC_SUCCESS);
-        return reply.id;
-    }
-    // A sealed 8192-byte memfd, mapped here too; returns the daemon's id for it.
-    uint32_t registerBlock(uint8_t** mapping = nullptr, bool seal = true) {
-        UniqueFd memory(memfd_create("test-block", MFD_ALLOW_SEALING));
-        EXPECT_EQ(ftruncate(memory.get(), 8192), 0);
-        if (seal) {
-            EXPECT_EQ(fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
-        }
-        if (mapping) {
-            void* data = mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(), 0);
-            *mapping = static_cast<uint8_t*>(data);
-        }
-        wire::Request request{};
-        request.op = wire::kRegisterMemory;
-        request.size = 8192;
-        request.flags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
-        const wire::Reply reply = call(request, memory.get());
-        lastResult = reply.result;
-        return reply.id;
-    }
-    wire::Reply invoke(uint32_t session, uint32_t command, uint32_t block, uint32_t offset,
-                       uint32_t size) {
-        wire::Request request{};
-        request.op = wire::kInvoke;
-        request.session_id = session;
-        request.command = command;
-        request.param_types = TEEC_PARAM_TYPES(TEEC_MEMREF_PARTIAL_INOUT, 0, 0, 0);
-        request.params[0] = {0, 0, block, offset, size};
-        return call(request);
-    }
-
-    TEEC_Result lastResult = 0;
-
-  private:
-    UniqueFd fd_;
-    bool connected_ = false;
-};
 
 using DaemonProtocolTest = VaultFixture;
 

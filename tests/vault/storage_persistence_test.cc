@@ -6,6 +6,7 @@
 #include <fstream>
 #include <vector>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "daemon_launcher.h"
@@ -84,6 +85,7 @@ TEST_F(StoragePersistenceTest, SecureProcessorStateSurvivesKillAndRestart) {
 
 TEST_F(StoragePersistenceTest, DamagedStoreIsRefused) {
     std::ofstream(storage_) << std::string(4096, '\x5a');
+    ASSERT_EQ(chmod(storage_.c_str(), 0600), 0);  // refused for its content, not its mode
     std::string error;
     EXPECT_FALSE(startDaemon(error));
     EXPECT_NE(error.find("exited with status 1"), std::string::npos) << error;

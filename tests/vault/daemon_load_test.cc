@@ -1,0 +1,196 @@
+// zel-vaultd under load and against clients that die, hoard or never read: every reply right and
+// none lost, limits refused cleanly, and threads and descriptors back to their count afterwards.
+// Bounded in count and time; loopback only.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "interface/zel_ta_ids.h"
+#include "output_capture.h"
+#include "process_probe.h"
+#include "raw_client.h"
+#include "vault_fixture.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+using zel::test::RawClient;
+namespace wire = zel::wire;
+
+using DaemonLoadTest = VaultFixture;
+
+// A child process's own work, through the library: slot index, rounds of put and get.
+int clientWork(int index, int rounds) {
+    if (!std::freopen("/dev/null", "w", stdout)) return 2;  // the library's log
+    CaZelInterface vault(zel_test);
+    for (int round = 0; round < rounds; ++round) {
+        std::vector<unsigned char> data(1 + (index * 37 + round * 11) % 4000);
+        for (size_t i = 0; i < data.size(); ++i)
+            data[i] = static_cast<unsigned char>(index * 7 + round + i);
+        if (vault.zel_put(index, data.data(), static_cast<unsigned int>(data.size())) != 0)
+            return 3;
+        unsigned char* read = nullptr;
+        unsigned int size = 0;
+        if (vault.zel_get(index, &read, &size) != 0) return 4;
+        const bool same = size == data.size() && std::equal(data.begin(), data.end(), read);
+        std::free(read);
+        if (!same) return 5;
+    }
+    return 0;
+}
+
+TEST_F(DaemonLoadTest, ThirtyTwoClientProcessesGetEveryReplyRight) {
+    const pid_t pid = daemon->pid();
+    zel::test::warmUp(daemon->socketPath());
+    const int threads = zel::test::threadCount(pid);
+    const int descriptors = zel::test::openDescriptors(pid);
+    std::vector<pid_t> children;
+    for (int index = 0; index < 32; ++index) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) _exit(clientWork(index, 10));
+        children.push_back(child);
+    }
+    for (size_t i = 0; i < children.size(); ++i) {
+        int status = 0;
+        ASSERT_EQ(waitpid(children[i], &status, 0), children[i]);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << "client " << i << " status " << status;
+    }
+    EXPECT_TRUE(zel::test::eventually([&] {
+        return zel::test::threadCount(pid) <= threads &&
+               zel::test::openDescriptors(pid) <= descriptors;
+    })) << "threads " << zel::test::threadCount(pid) << "/" << threads << ", descriptors "
+        << zel::test::openDescriptors(pid) << "/" << descriptors;
+}
+
+TEST_F(DaemonLoadTest, ClientsKilledInsideAStalledInvocationLeaveTheTaUsable) {
+    const pid_t pid = daemon->pid();
+    zel::test::warmUp(daemon->socketPath());
+    const int threads = zel::test::threadCount(pid);
+    const int descriptors = zel::test::openDescriptors(pid);
+    ASSERT_EQ(control.stallInvocations(zel_test, zel::cmd::zel_getSlotInfo, 3, 300), TEEC_SUCCESS);
+    std::vector<pid_t> children;
+    for (int index = 0; index < 6; ++index) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            if (!std::freopen("/dev/null", "w", stdout)) _exit(2);
+            CaZelInterface vault(zel_test);
+            unsigned char status = 0;
+            unsigned int size = 0;
+            // The first three stall; the others wait for the TA behind them, or run.
+            vault.zel_getSlotInfo(index, &status, &size);
+            _exit(0);
+        }
+        children.push_back(child);
+    }
+    // Killed at different moments: inside the stall, queued behind it, or already done.
+    for (size_t i = 0; i < children.size(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(40 * static_cast<int>(i)));
+        kill(children[i], SIGKILL);
+        waitpid(children[i], nullptr, 0);
+    }
+    OutputCapture output;
+    CaZelInterface vault(zel_test);
+    const unsigned char data[] = {1, 2, 3};
+    EXPECT_EQ(vault.zel_put(9, data, 3), 0);
+    EXPECT_EQ(vault.zel_checkDataExistence(9, 0), 0);
+    EXPECT_TRUE(zel::test::eventually([&] {
+        return zel::test::threadCount(pid) <= threads &&
+               zel::test::openDescriptors(pid) <= descriptors;
+    })) << "threads " << zel::test::threadCount(pid) << "/" << threads << ", descriptors "
+        << zel::test::openDescriptors(pid) << "/" << descriptors;
+}
+
+TEST_F(DaemonLoadTest, SeventySessionsAndSeventyLargeBlocksOnOneConnection) {
+    TEEC_Context context{};
+    ASSERT_EQ(TEEC_InitializeContext(nullptr, &context), TEEC_SUCCESS);
+    std::vector<TEEC_Session> sessions(70);
+    std::vector<TEEC_SharedMemory> blocks(70);
+    int opened = 0, allocated = 0;
+    for (int i = 0; i < 70; ++i) {
+        uint32_t origin = 0;
+        const TEEC_Result result = TEEC_OpenSession(&context, &sessions[i], &zel_test,
+                                                    TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin);
+        if (result == TEEC_SUCCESS) ++opened;
+        else EXPECT_EQ(result, TEEC_ERROR_BUSY);
+        blocks[i].size = 1 << 20;
+        blocks[i].flags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
+        const TEEC_Result memory = TEEC_AllocateSharedMemory(&context, &blocks[i]);
+        if (memory == TEEC_SUCCESS) ++allocated;
+        else EXPECT_EQ(memory, TEEC_ERROR_OUT_OF_MEMORY);
+    }
+    EXPECT_EQ(opened, 64);
+    EXPECT_EQ(allocated, 64);
+    // What it holds still works: a self-test through the last block it got.
+    TEEC_Operation operation{};
+    operation.paramTypes = TEEC_PARAM_TYPES(TEEC_MEMREF_PARTIAL_INOUT, 0, 0, 0);
+    operation.params[0].memref = {&blocks[63], 1 << 20, 0};
+    uint32_t origin = 0;
+    EXPECT_EQ(TEEC_InvokeCommand(&sessions[63], zel::cmd::zel_getSlotInfo, &operation, &origin),
+              TEEC_SUCCESS);
+    for (int i = 0; i < 70; ++i) {
+        TEEC_ReleaseSharedMemory(&blocks[i]);
+        TEEC_CloseSession(&sessions[i]);
+    }
+    TEEC_FinalizeContext(&context);
+}
+
+TEST_F(DaemonLoadTest, ThreeHundredConnectionsAtOnceArePastTheLimitClosedAndTheRestServed) {
+    wire::Request open{};
+    open.op = wire::kOpenSession;
+    open.uuid = wire::uuidBytes(zel_test);
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 0; i < 300; ++i) {
+        clients.push_back(std::make_unique<RawClient>(daemon->socketPath()));
+        ASSERT_TRUE(clients.back()->connected());
+        wire::sendMessage(clients.back()->fd(), &open, sizeof open, -1);
+    }
+    int served = 0, closed = 0;
+    for (auto& client : clients) {
+        wire::Reply reply{};
+        const ssize_t got = recv(client->fd(), &reply, sizeof reply, 0);
+        if (got == static_cast<ssize_t>(sizeof reply) && reply.result == TEEC_SUCCESS) ++served;
+        else if (got == 0 || (got < 0 && errno == ECONNRESET)) ++closed;
+    }
+    EXPECT_EQ(served, 256);
+    EXPECT_EQ(closed, 44);
+    clients.clear();
+    EXPECT_TRUE(zel::test::eventually([&] {
+        RawClient next(daemon->socketPath());
+        return next.call(open).result == TEEC_SUCCESS;
+    }));
+}
+
+TEST_F(DaemonLoadTest, AClientThatNeverReadsItsRepliesHoldsUpNobody) {
+    RawClient hoarder(daemon->socketPath());
+    const uint32_t session = hoarder.openSession(zel_test);
+    const uint32_t memory = hoarder.registerBlock();
+    wire::Request invoke{};
+    invoke.op = wire::kInvoke;
+    invoke.session_id = session;
+    invoke.command = zel::cmd::zel_getSlotInfo;
+    invoke.param_types = TEEC_PARAM_TYPES(TEEC_MEMREF_PARTIAL_INOUT, 0, 0, 0);
+    invoke.params[0] = {0, 0, memory, 0, 8192};
+    int sent = 0;
+    while (sent < 100000 &&
+           send(hoarder.fd(), &invoke, sizeof invoke, MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
+        ++sent;
+    EXPECT_LT(sent, 100000) << "the daemon kept reading though nobody read its replies";
+
+    OutputCapture output;
+    CaZelInterface vault(zel_test);
+    const unsigned char data[] = {7};
+    EXPECT_EQ(vault.zel_put(1, data, 1), 0);
+    EXPECT_TRUE(daemon->stop()) << "SIGTERM did not end the daemon cleanly";
+}
+
+}  // namespace

@@ -1,0 +1,216 @@
+// The store under a daemon killed at random moments and under storage faults: every acknowledged
+// write reads back, a write in flight is all there or not at all, and a read-only or full
+// filesystem is a clear error and a clean refusal, never a crash or a silently lost write.
+#include <gtest/gtest.h>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "daemon_launcher.h"
+#include "output_capture.h"
+#include "zel_tc_lib.h"
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+constexpr int32_t kFailed = static_cast<int32_t>(TEEC_ERROR_GENERIC);
+
+class DurabilityTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        directory_ = testing::TempDir() + "zel_durable_XXXXXX";
+        ASSERT_NE(mkdtemp(directory_.data()), nullptr);
+        setenv("ZEL_TEE_SOCKET", (directory_ + "/socket").c_str(), 1);
+    }
+    void TearDown() override {
+        daemon_.reset();
+        unsetenv("ZEL_TEE_SOCKET");
+        if (mounted_) umount2(storeDirectory().c_str(), MNT_DETACH);
+        std::system(("rm -rf " + directory_).c_str());
+    }
+    std::string storeDirectory() const { return directory_ + "/store"; }
+    std::string storage() const { return storeDirectory() + "/vault.db"; }
+    bool startDaemon(std::string& error) {
+        daemon_ = zel::vault::VaultDaemon::start(
+            {{}, directory_ + "/socket", false, {"--storage", storage()}}, error);
+        return daemon_ != nullptr;
+    }
+    // A small tmpfs for the store; false (the test is then skipped) where mounting is not allowed.
+    bool mountSmallFilesystem(const char* options) {
+        mkdir(storeDirectory().c_str(), 0700);
+        if (geteuid() != 0 || mount("tmpfs", storeDirectory().c_str(), "tmpfs", 0, options) != 0)
+            return false;
+        mounted_ = true;
+        return chmod(storeDirectory().c_str(), 0700) == 0;
+    }
+
+    std::string directory_;
+    std::unique_ptr<zel::vault::VaultDaemon> daemon_;
+    bool mounted_ = false;
+};
+
+Bytes dataFor(int slot, int version) {
+    Bytes data(1 + (slot * 131 + version * 17) % 3000);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(slot + version + i);
+    return data;
+}
+
+TEST_F(DurabilityTest, EveryAcknowledgedWriteSurvivesFiftyKills) {
+    mkdir(storeDirectory().c_str(), 0700);
+    std::mt19937 random(20261123);
+    // What the store must hold: per slot, the acknowledged content (nullopt: deleted or never).
+    std::map<int, std::optional<Bytes>> acknowledged;
+    OutputCapture output;
+    CaZelInterface vault(zel_test);
+    int writes = 0;
+    for (int kill = 0; kill < 50; ++kill) {
+        std::string error;
+        ASSERT_TRUE(startDaemon(error)) << error;
+        // Check what the previous rounds left, then write until the daemon dies under us.
+        for (const auto& [slot, content] : acknowledged) {
+            unsigned char* read = nullptr;
+            unsigned int size = 0;
+            const int32_t got = vault.zel_get(slot, &read, &size);
+            if (content) {
+                ASSERT_EQ(got, 0) << "slot " << slot << " lost after kill " << kill;
+                EXPECT_EQ(Bytes(read, read + size), *content) << "slot " << slot;
+            } else {
+                EXPECT_NE(got, 0) << "slot " << slot << " came back after its delete";
+            }
+            std::free(read);
+        }
+        std::thread killer([&, delay = random() % 40] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5 + delay));
+            daemon_->kill();
+        });
+        // Deletes only of slots that hold data, so that any failure is the daemon's death.
+        int inFlight = -1;
+        std::optional<Bytes> inFlightContent;
+        for (int op = 0;; ++op) {
+            const int slot = static_cast<int>(random() % 8);
+            const bool erase = random() % 4 == 0 && acknowledged[slot].has_value();
+            inFlightContent =
+                erase ? std::nullopt : std::optional<Bytes>(dataFor(slot, op + 1000 * kill));
+            const int32_t result =
+                erase ? vault.zel_delete(slot)
+                      : vault.zel_put(slot, inFlightContent->data(),
+                                      static_cast<unsigned int>(inFlightContent->size()));
+            if (result != 0) {
+                inFlight = slot;
+                break;
+            }
+            acknowledged[slot] = inFlightContent;
+            ++writes;
+        }
+        killer.join();
+        {
+            // Unacknowledged: either all of it landed or none; the next round learns which.
+            ASSERT_TRUE(startDaemon(error)) << error;
+            unsigned char* read = nullptr;
+            unsigned int size = 0;
+            const bool there = vault.zel_get(inFlight, &read, &size) == 0;
+            const std::optional<Bytes> now =
+                there ? std::optional<Bytes>(Bytes(read, read + size)) : std::nullopt;
+            std::free(read);
+            EXPECT_TRUE(now == inFlightContent || now == acknowledged[inFlight])
+                << "slot " << inFlight << " half-written";
+            acknowledged[inFlight] = now;
+            daemon_->kill();
+        }
+    }
+    EXPECT_GT(writes, 50);
+    std::cerr << "acknowledged writes across 50 kills: " << writes << std::endl;
+}
+
+TEST_F(DurabilityTest, AStoreOnAReadOnlyFilesystemIsRefusedAtStartAndKeptIntact) {
+    if (!mountSmallFilesystem("size=4m,mode=0700"))
+        GTEST_SKIP() << "NOT TESTED: this machine does not let the test mount a tmpfs (needs root)";
+    std::string error;
+    ASSERT_TRUE(startDaemon(error)) << error;
+    OutputCapture output;
+    CaZelInterface vault(zel_test);
+    const Bytes kept = dataFor(1, 1);
+    ASSERT_EQ(vault.zel_put(1, kept.data(), static_cast<unsigned int>(kept.size())), 0);
+
+    EXPECT_TRUE(daemon_->stop());
+    // A filesystem with writers open cannot be remounted read-only, so this is checked at start.
+    ASSERT_EQ(mount(nullptr, storeDirectory().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0)
+        << std::strerror(errno);
+
+    // Started over a read-only store, it refuses to start.
+    EXPECT_FALSE(startDaemon(error));
+    ASSERT_EQ(mount(nullptr, storeDirectory().c_str(), nullptr, MS_REMOUNT, nullptr), 0);
+    ASSERT_TRUE(startDaemon(error)) << error;
+    unsigned char* read = nullptr;
+    unsigned int size = 0;
+    ASSERT_EQ(vault.zel_get(1, &read, &size), 0);
+    EXPECT_EQ(Bytes(read, read + size), kept);
+    std::free(read);
+}
+
+TEST_F(DurabilityTest, AFullFilesystemFailsWritesCleanlyAndLosesNothingAcknowledged) {
+    if (!mountSmallFilesystem("size=512k,mode=0700"))
+        GTEST_SKIP() << "NOT TESTED: this machine does not let the test mount a tmpfs (needs root)";
+    std::string error;
+    ASSERT_TRUE(startDaemon(error)) << error;
+    OutputCapture output;
+    CaZelInterface vault(zel_test);
+    std::map<int, Bytes> stored;
+    int refused = 0;
+    // Fill the filesystem beside the store until writes are refused.
+    {
+        std::ofstream filler(storeDirectory() + "/filler", std::ios::binary);
+        const std::string chunk(4096, 'x');
+        while (filler.write(chunk.data(), chunk.size()) && filler.flush()) {
+        }
+    }
+    for (int slot = 0; slot < 32; ++slot) {
+        const Bytes data = dataFor(slot, 3);
+        if (vault.zel_put(slot, data.data(), static_cast<unsigned int>(data.size())) == 0)
+            stored[slot] = data;
+        else
+            ++refused;
+    }
+    EXPECT_GT(refused, 0) << "the filesystem never filled";
+    EXPECT_EQ(kill(daemon_->pid(), 0), 0) << "the daemon died";
+    const auto lines = output.lines();
+    EXPECT_NE(std::find_if(lines.begin(), lines.end(),
+                           [](const std::string& line) {
+                               return line.find("result = 4294914113") != std::string::npos;
+                           }),
+              lines.end())
+        << "no write was refused as storage full (0xFFFF3041): " << [&] {
+               std::string failures;
+               for (const std::string& line : lines)
+                   if (line.find("failed") != std::string::npos) failures += line + "\n";
+               return failures;
+           }();
+
+    unlink((storeDirectory() + "/filler").c_str());
+    daemon_->kill();
+    ASSERT_TRUE(startDaemon(error)) << error;
+    OutputCapture after;
+    for (const auto& [slot, data] : stored) {
+        unsigned char* read = nullptr;
+        unsigned int size = 0;
+        ASSERT_EQ(vault.zel_get(slot, &read, &size), 0) << "slot " << slot;
+        EXPECT_EQ(Bytes(read, read + size), data);
+        std::free(read);
+    }
+    const Bytes again = dataFor(31, 4);
+    EXPECT_EQ(vault.zel_put(31, again.data(), static_cast<unsigned int>(again.size())), 0);
+}
+
+}  // namespace
