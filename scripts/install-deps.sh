@@ -2,7 +2,7 @@
 # Installs what the build needs from Debian's packages, only when something is missing.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libcli11-dev libbenchmark-dev
+packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev libbenchmark-dev
           libssl-dev libsqlite3-dev python3)
 missing=()
 for package in "${packages[@]}"; do

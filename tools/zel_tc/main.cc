@@ -14,6 +14,7 @@
 #include "daemon_launcher.h"
 #include "helper_commands.h"
 #include "reports.h"
+#include "results_stream.h"
 #include "step_runner.h"
 #include "tee_names.h"
 #include "uuid_arg.h"
@@ -45,7 +46,7 @@ void listSteps() {
 struct RunOptions {
     std::vector<std::string> words;
     bool all = false;
-    std::string socket, vaultd, uuidText, junit, json;
+    std::string socket, vaultd, uuidText, junit, json, results;
     zel::tc::Overrides overrides;
     unsigned repeat = 1;
     bool stopOnFailure = false;
@@ -60,6 +61,7 @@ bool writable(const std::string& path) {
 int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options) {
     std::vector<zel::tc::StepRecord> records;
     bool stop = false;
+    zel::tc::ResultsStream stream(options.results, zel::tc::runMetadata());
     for (unsigned round = 1; round <= options.repeat && !stop; ++round) {
         for (const zel::tc::Step& step : steps) {
             zel::tc::StepRecord record{step, static_cast<int>(round), {}};
@@ -72,6 +74,7 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options)
                 verdict += step.why ? std::string(" (expected: ") + step.why + ")"
                                     : " (passes with " + std::to_string(step.expected) + ")";
             say(verdict);
+            stream.add(record, options.timeoutSeconds);
             records.push_back(std::move(record));
             if (options.stopOnFailure && !records.back().passed()) {
                 say("stopping at the first failure (--stop-on-failure)");
@@ -81,7 +84,8 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options)
         }
     }
     zel::tc::writeSummary(std::cerr, records, options.timeoutSeconds);
-    bool reported = true;
+    bool reported = stream.ok();
+    if (!reported) say("cannot write " + options.results);
     if (!options.junit.empty() &&
         !zel::tc::writeJunit(options.junit, records, options.timeoutSeconds)) {
         say("cannot write " + options.junit);
@@ -111,7 +115,7 @@ int run(RunOptions& options) {
         }
         options.overrides.uuid = uuid;
     }
-    for (const std::string& path : {options.junit, options.json}) {
+    for (const std::string& path : {options.junit, options.json, options.results}) {
         if (!writable(path)) {
             say("cannot write " + path);
             return kExitUsage;
@@ -171,6 +175,7 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     run->add_option("--junit", options.junit, "Write a JUnit XML report here");
     run->add_option("--json", options.json, "Write a JSON report here");
+    run->add_option("--results", options.results, "Write each step's result here as it ends (JSON lines)");
 
     int exitCode = 0;
     run->callback([&] { exitCode = ::run(options); });
