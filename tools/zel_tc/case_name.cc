@@ -25,16 +25,19 @@ std::string caseName(const Step& step) {
     const CatalogueEntry& entry = *step.entry;
     std::string name = entry.name;
     if (entry.takesArgument()) name += "." + std::to_string(step.input.argument);
-    // Only the scenarios read test data and a slot; naming them elsewhere would rename a step
-    // whenever --data-type or --index is given for the others.
-    if (std::strcmp(entry.dataTypes, "-") != 0)
+    // Each input is named only on the steps that read it; naming it elsewhere would rename a
+    // step whenever the option is given for the others. The general scenarios read test data,
+    // slot and TA; the firmware update (a secure-processor scenario or entry point) the param.
+    const bool scenario = std::strcmp(entry.dataTypes, "-") != 0;
+    if (scenario)
         name += ".data" + std::to_string(step.input.dataType) + ".index" +
                 std::to_string(step.input.index);
-    if (step.input.param != 0) name += ".param" + std::to_string(step.input.param);
-    // The vault TA is every scenario's default, so only another TA is named.
-    if (sameUuid(step.input.uuid, zel_test_a)) {
+    if (!scenario && !entry.takesArgument() && step.input.param != 0)
+        name += ".param" + std::to_string(step.input.param);
+    // The vault TA is the scenarios' default, so only another TA is named.
+    if (scenario && sameUuid(step.input.uuid, zel_test_a)) {
         name += ".zel_test_a";
-    } else if (!sameUuid(step.input.uuid, zel_test)) {
+    } else if (scenario && !sameUuid(step.input.uuid, zel_test)) {
         char text[40];
         const TEEC_UUID& u = step.input.uuid;
         std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",

@@ -175,7 +175,8 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     run->add_option("--junit", options.junit, "Write a JUnit XML report here");
     run->add_option("--json", options.json, "Write a JSON report here");
-    run->add_option("--results", options.results, "Write each step's result here as it ends (JSON lines)");
+    run->add_option("--results", options.results,
+                    "Write each step's result here as it ends (JSON lines)");
 
     int exitCode = 0;
     run->callback([&] { exitCode = ::run(options); });

@@ -22,14 +22,14 @@ nlohmann::json runMetadata();
 nlohmann::json stepRecord(const StepRecord& record, unsigned timeoutSeconds);
 
 class ResultsStream {
-public:
+  public:
     // No path: a stream that writes nothing. Otherwise the file is truncated and the run record
     // written at once; ok() says whether every write so far reached the file.
     ResultsStream(const std::string& path, const nlohmann::json& run);
     void add(const StepRecord& record, unsigned timeoutSeconds);
     bool ok() const { return !out_.is_open() || out_.good(); }
 
-private:
+  private:
     void write(const nlohmann::json& record);
     std::ofstream out_;
 };
