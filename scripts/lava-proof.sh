@@ -165,6 +165,11 @@ JOB
   definition repeated "-s 'process bist' -r 2 -t 60"
 } > "$work/job.yaml"
 
+# The example job for SSH devices must stay a job this dispatcher accepts.
+lava-run --validate --job-id "$job_id" --output-dir "$work/validate" --device "$work/device.yaml" \
+  lava/jobs/zel-tc-ssh-device.yaml > "$work/validate.log" 2>&1 ||
+  { cat "$work/validate.log" >&2; say "lava/jobs/zel-tc-ssh-device.yaml does not validate"; exit 1; }
+
 say "lava-run (job $job_id)"
 lava_status=0
 timeout 900 lava-run --job-id "$job_id" --output-dir "$work/output" --device "$work/device.yaml" \
