@@ -31,9 +31,19 @@ if [ ${#missing[@]} -gt 0 ]; then
   say "installing ${missing[*]}"
   # An index of one architecture failing to download must not stop the install.
   apt-get update || say "apt-get update reported errors; going on"
-  # The device is this machine: sshd must not start for real; the run below starts its own.
-  if ! DEBIAN_FRONTEND=noninteractive RUNLEVEL=1 apt-get install -y --no-install-recommends \
-       "${missing[@]}"; then
+  # The device is this machine: the package's own sshd must not start on port 22. Debian's
+  # policy-rc.d hook (exit 101: no service starts) holds it back for the install alone.
+  policy=""
+  if [ ! -e /usr/sbin/policy-rc.d ]; then
+    policy=/usr/sbin/policy-rc.d
+    printf '#!/bin/sh\nexit 101\n' > "$policy" && chmod 755 "$policy"
+  fi
+  install_status=0
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -o DPkg::Lock::Timeout=600 \
+    --no-install-recommends "${missing[@]}" ||
+    install_status=$?
+  [ -n "$policy" ] && rm -f "$policy"
+  if [ "$install_status" -ne 0 ]; then
     say "cannot install ${missing[*]}"
     exit 3
   fi
@@ -176,6 +186,7 @@ timeout 900 lava-run --job-id "$job_id" --output-dir "$work/output" --device "$w
   "$work/job.yaml" > "$work/lava.log" 2>&1 || lava_status=$?
 cp "$work/lava.log" "$repo/build/lava-proof.log"
 say "lava-run exited $lava_status; its log: build/lava-proof.log"
+[ "$lava_status" -eq 0 ] || grep -E '"lvl": "(error|exception)"' "$work/lava.log" | tail -5 >&2
 
 $python "$repo/scripts/lava_results_check.py" "$work/lava.log" "$work/expected.jsonl" \
   "$injected_case"
