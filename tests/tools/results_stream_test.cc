@@ -92,8 +92,8 @@ TEST_F(ResultsStreamTest, EveryPlanStepHasOneStableNameAndItsResult) {
           "zel_getPublicKeyStatus.expect0xFFFF0008", "zel_checkZelAk.expect0xFFFF0008"})
         EXPECT_EQ(names.count(name), 1u) << name;
     // The expected failure passes, and says what it returned.
-    const json& deleted = *std::find_if(lines.begin(), lines.end(), [](const json& step) {
-        return step["case"] == "zel_get.data1.index3.expect0xFFFF0000";
+    const json& deleted = *std::find_if(lines.begin(), lines.end(), [](const json& line) {
+        return line.value("case", "") == "zel_get.data1.index3.expect0xFFFF0000";
     });
     EXPECT_EQ(deleted["number"], 2);
     EXPECT_EQ(deleted["result"], "0xFFFF0000");
