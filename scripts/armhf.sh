@@ -14,7 +14,7 @@ readonly kCannotInstall=3
 build_dir=build-armhf
 
 # Native tools, and packages the host and the target share as one (architecture-independent).
-native=(crossbuild-essential-armhf qemu-user cmake make pkg-config libcli11-dev googletest)
+native=(crossbuild-essential-armhf qemu-user cmake make pkg-config libcli11-dev nlohmann-json3-dev googletest)
 # Multi-Arch: same libraries, installed for armhf beside the native ones; libstdc++6 because
 # the cross compiler's own copy lies outside the folders that armhf's loader searches under qemu.
 shared=(libssl-dev libsqlite3-dev libgtest-dev libgmock-dev libstdc++6)

@@ -2,9 +2,8 @@
 # Installs what the build needs from Debian's packages, only when something is missing.
 set -euo pipefail
 
-packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libcli11-dev libbenchmark-dev
-          libssl-dev libsqlite3-dev python3
-          debhelper dpkg-dev lintian file)
+packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
+          libbenchmark-dev libssl-dev libsqlite3-dev python3 debhelper dpkg-dev lintian file)
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

@@ -14,6 +14,7 @@
 #include "helper_commands.h"
 #include "reports.h"
 #include "run_identity.h"
+#include "results_stream.h"
 #include "step_runner.h"
 #include "tee_names.h"
 #include "tee_target.h"
@@ -46,7 +47,7 @@ struct RunOptions {
     std::vector<std::string> words;
     bool all = false;
     zel::tc::TeeTargetOptions target;
-    std::string uuidText, junit, json;
+    std::string uuidText, junit, json, results;
     bool firmwareVersions = false;
     zel::tc::Overrides overrides;
     unsigned repeat = 1;
@@ -63,6 +64,10 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
              const zel::tc::RunInfo& info) {
     std::vector<zel::tc::StepRecord> records;
     bool stop = false;
+    nlohmann::json run = zel::tc::runMetadata();
+    run["tee"] = info.tee;
+    for (const auto& [name, value] : info.identity) run["identity"][name] = value;
+    zel::tc::ResultsStream stream(options.results, run);
     for (unsigned round = 1; round <= options.repeat && !stop; ++round) {
         for (const zel::tc::Step& step : steps) {
             zel::tc::StepRecord record{step, static_cast<int>(round), {}};
@@ -75,6 +80,7 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
                 verdict += step.why ? std::string(" (expected: ") + step.why + ")"
                                     : " (passes with " + std::to_string(step.expected) + ")";
             say(verdict);
+            stream.add(record, options.timeoutSeconds);
             records.push_back(std::move(record));
             if (options.stopOnFailure && !records.back().passed()) {
                 say("stopping at the first failure (--stop-on-failure)");
@@ -84,7 +90,8 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
         }
     }
     zel::tc::writeSummary(std::cerr, records, options.timeoutSeconds);
-    bool reported = true;
+    bool reported = stream.ok();
+    if (!reported) say("cannot write " + options.results);
     if (!options.junit.empty() &&
         !zel::tc::writeJunit(options.junit, info, records, options.timeoutSeconds)) {
         say("cannot write " + options.junit);
@@ -114,7 +121,7 @@ int run(RunOptions& options) {
         }
         options.overrides.uuid = uuid;
     }
-    for (const std::string& path : {options.junit, options.json}) {
+    for (const std::string& path : {options.junit, options.json, options.results}) {
         if (!writable(path)) {
             say("cannot write " + path);
             return kExitUsage;
@@ -173,6 +180,8 @@ int main(int argc, char** argv) {
                   "starts a firmware update on a device)");
     run->add_option("--junit", options.junit, "Write a JUnit XML report here");
     run->add_option("--json", options.json, "Write a JSON report here");
+    run->add_option("--results", options.results,
+                    "Write each step's result here as it ends (JSON lines)");
 
     int exitCode = 0;
     run->callback([&] { exitCode = ::run(options); });
