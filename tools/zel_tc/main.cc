@@ -12,6 +12,7 @@
 
 #include "catalogue.h"
 #include "daemon_launcher.h"
+#include "fuzz_commands.h"
 #include "helper_commands.h"
 #include "reports.h"
 #include "step_runner.h"
@@ -176,6 +177,7 @@ int main(int argc, char** argv) {
     run->callback([&] { exitCode = ::run(options); });
     zel::tc::addVaultCommands(app, exitCode);
     zel::tc::addHelperCommands(app, exitCode);
+    zel::tc::addFuzzCommands(app, exitCode);
 
     try {
         app.parse(argc, argv);
