@@ -62,7 +62,7 @@ bool is(const std::vector<Seen>& fields, size_t at, wsm::Tag tag) {
 struct State {
     bool deleted[32] = {};
     uint32_t lastVault[3] = {~0u, ~0u, ~0u};
-    uint32_t lastSecureProcessor = ~0u;
+    uint32_t secureProcessor[2] = {~0u, ~0u};  // the command before this one, this one
     bool secureProcessorDead = false;
 };
 
@@ -139,7 +139,7 @@ const Planted kPlanted[] = {
     // getAppInfo right after forceRecovery announces 7 bytes and sends 3.
     {"wrong-reply-shape", PlantedTa::kSecureProcessor, cmd::zel_getAppInfo,
      [](const std::vector<Seen>&, const TaParam& block) -> std::optional<TaResult> {
-         if (state().lastSecureProcessor != cmd::zel_forceRecovery) return std::nullopt;
+         if (state().secureProcessor[0] != cmd::zel_forceRecovery) return std::nullopt;
          wsm::Writer out(block.buffer, block.size);
          out.putUint(7);
          out.put(wsm::kBlob, "7.1", 3);
@@ -172,7 +172,8 @@ bool armed(const char* name) {
 void remember(PlantedTa ta, uint32_t command, const std::vector<Seen>& f) {
     State& s = state();
     if (ta == PlantedTa::kSecureProcessor) {
-        s.lastSecureProcessor = command;
+        s.secureProcessor[0] = s.secureProcessor[1];
+        s.secureProcessor[1] = command;
         return;
     }
     s.lastVault[0] = s.lastVault[1];
