@@ -40,9 +40,6 @@ struct Verdict {
 // The GlobalPlatform result codes: success and the TEEC_ERROR_* values of the standard.
 bool isGlobalPlatformResult(uint32_t result);
 
-// The first break of the declared shape in a reply laid out in the block's codec, or empty.
-class ReplyCheck;
-
 class Executor {
   public:
     explicit Executor(unsigned timeoutMilliseconds);
