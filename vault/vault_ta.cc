@@ -4,6 +4,7 @@
 #include <set>
 
 #include "interface/zel_ta_ids.h"
+#include "planted_faults.h"
 #include "vault_crypto.h"
 
 namespace zel::vault {
@@ -76,6 +77,7 @@ bool validIndex(int32_t index) {
 TaResult VaultTa::invoke(uint32_t command, TaOperation& operation) {
     if (!isOneBlock(operation)) return {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP};
     const TaParam& block = operation.params[0];
+    if (const auto planted = plantedFault(PlantedTa::kVault, command, block)) return *planted;
     if (!selfTestIds().count(command)) return {TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_TRUSTED_APP};
 
     wsm::Reader reader(block.buffer, block.size);

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "json_string.h"
 #include "tee_names.h"
 
 namespace zel::tc {
@@ -47,23 +48,6 @@ std::string xmlEscaped(const std::string& text) {
         }
     }
     return out;
-}
-
-std::string jsonString(const std::string& text) {
-    std::string out = "\"";
-    for (const unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
 }
 
 int countFailed(const std::vector<StepRecord>& records) {

@@ -42,7 +42,7 @@ class TeeTarget {
     std::string where_;
 };
 
-// The `vault` verbs. exitCode receives 0 when the request was done, 1 when it was refused, 2 for
+// The `vault` verbs, and in host builds `fuzz` and `replay`. exitCode receives 0 when the request was done, 1 when it was refused, 2 for
 // a usage error (and for any of them in a device build).
 void addTeeCommands(CLI::App& app, int& exitCode);
 

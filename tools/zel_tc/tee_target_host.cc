@@ -2,6 +2,7 @@
 #include <cstdlib>
 
 #include "daemon_launcher.h"
+#include "fuzz_commands.h"
 #include "tee_target.h"
 #include "vault_commands.h"
 
@@ -35,6 +36,10 @@ bool TeeTarget::open(const TeeTargetOptions& options, std::string& error) {
     return true;
 }
 
-void addTeeCommands(CLI::App& app, int& exitCode) { addVaultCommands(app, exitCode); }
+void addTeeCommands(CLI::App& app, int& exitCode) {
+    addVaultCommands(app, exitCode);
+    // fuzz and replay restart the host daemon after a finding that kills it.
+    addFuzzCommands(app, exitCode);
+}
 
 }  // namespace zel::tc
