@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# zel-tc built for the device, end to end: the host stand-ins are installed as a device platform
+# lays out its libraries and headers (its libteec is the host TEE client), the library and zel-tc
+# are built in device mode against that tree, and the device zel-tc runs the whole plan against a
+# zel-vaultd reached as the platform's default TEE.
+#
+#   device_harness_test.sh HOST_BUILD_DIR SOURCE_DIR
+set -euo pipefail
+host_build=$(cd "$1" && pwd) source_dir=$(cd "$2" && pwd)
+work=$(mktemp -d)
+daemon=""
+cleanup() {
+  [ -n "$daemon" ] && kill "$daemon" 2>/dev/null && wait "$daemon" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+fail() { echo "device harness: $*" >&2; exit 1; }
+
+platform=$work/platform
+cmake --install "$host_build" --component platform --prefix "$platform" >/dev/null
+[ -f "$platform/lib/libteec.so" ] && [ -f "$platform/include/qeru/qeru_wsm.h" ] ||
+  fail "the platform tree is incomplete"
+
+cmake -S "$source_dir" -B "$work/build" -DZEL_PLATFORM=device -DZEL_BUILD_TESTS=OFF \
+  -DZEL_BUILD_BENCH=OFF -DZEL_WERROR=ON -DCMAKE_PREFIX_PATH="$platform" \
+  -DCMAKE_INSTALL_PREFIX="$work/install" -DCMAKE_INSTALL_LIBDIR=lib >"$work/build.log" 2>&1 &&
+  cmake --build "$work/build" -j2 --target install >>"$work/build.log" 2>&1 ||
+  { tail -40 "$work/build.log"; fail "the device build failed"; }
+zel_tc=$work/install/bin/zel-tc
+[ -e "$work/install/bin/zel-vaultd" ] && fail "a device build installed zel-vaultd"
+
+# The platform's libraries are in the device's library path.
+export LD_LIBRARY_PATH=$platform/lib
+mkdir -m 700 "$work/tee"
+export ZEL_TEE_SOCKET=$work/tee/socket
+"$host_build/bin/zel-vaultd" --socket "$ZEL_TEE_SOCKET" >"$work/vaultd.log" 2>&1 &
+daemon=$!
+for _ in $(seq 100); do [ -S "$ZEL_TEE_SOCKET" ] && break; sleep 0.1; done
+[ -S "$ZEL_TEE_SOCKET" ] || { cat "$work/vaultd.log"; fail "zel-vaultd did not start"; }
+
+printf 'db/comss/serialnumber=DEV-0001\n' >"$work/vconf"
+ZEL_VCONF_FILE=$work/vconf "$zel_tc" run --all --junit "$work/report.xml" --json "$work/report.json" \
+  >"$work/plan.out" 2>"$work/plan.err" || { tail -30 "$work/plan.err"; fail "the plan failed"; }
+grep -q "zel-tc: 61 passed, 0 failed" "$work/plan.err" || { tail "$work/plan.err"; fail "not 61 passed"; }
+grep -q '<property name="platform" value="device"/>' "$work/report.xml" || fail "no platform property"
+grep -q '<property name="device.serial" value="DEV-0001"/>' "$work/report.xml" || fail "no serial"
+grep -q '<property name="ta.firmware_words" value="0x00000001,' "$work/report.xml" ||
+  fail "no firmware words"
+grep -q '"device.serial": "DEV-0001"' "$work/report.json" || fail "no identity in the JSON report"
+
+# What needs the host TEE is refused, with exit 2.
+for arguments in "vault status" "vault fail --cmd 7" "run process --socket $ZEL_TEE_SOCKET"; do
+  status=0
+  # shellcheck disable=SC2086  # one argument per word
+  "$zel_tc" $arguments >"$work/refused.out" 2>"$work/refused.err" || status=$?
+  [ "$status" -eq 2 ] || fail "'zel-tc $arguments' exited $status, not 2"
+  grep -q "this zel-tc was built for the device's own TEE" "$work/refused.err" ||
+    { cat "$work/refused.err"; fail "'zel-tc $arguments' does not say why"; }
+done
+echo "device harness: the device build of zel-tc ran the whole plan green, with the device's identity"
