@@ -8,6 +8,7 @@
 #   debian_packages_test.sh SOURCE_DIR EXAMPLE_DIR
 # Exit 0 passed, 1 failed, 77 skipped (not root: packages built and checked, not installed).
 set -euo pipefail
+# (greps read to the end of a pipe: an early exit would fail the writer with SIGPIPE under pipefail)
 source_dir=$(cd "$1" && pwd) example=$(cd "$2" && pwd)
 readonly kSkipped=77
 packages=(libzel-tc-lib0 libzel-tc-lib-dev zel-tc zel-host-tee)
@@ -58,11 +59,11 @@ grep -qxE "/usr/lib/$multiarch/libzel-tc-lib\.so\.0\.[0-9.]+" "$work/libzel-tc-l
   fail "the library is not in the multiarch folder"
 grep -qx "/usr/lib/$multiarch/libzel-tc-lib.so" "$work/libzel-tc-lib-dev.files" ||
   fail "the .so link is not in -dev"
-dpkg-deb -I "$(deb libzel-tc-lib0)" shlibs | grep -q "^libzel-tc-lib 0 libzel-tc-lib0" ||
+dpkg-deb -I "$(deb libzel-tc-lib0)" shlibs | grep "^libzel-tc-lib 0 libzel-tc-lib0" >/dev/null ||
   fail "libzel-tc-lib0 has no shlibs entry"
-dpkg-deb -I "$(deb libzel-tc-lib0)" triggers | grep -q "ldconfig" ||
+dpkg-deb -I "$(deb libzel-tc-lib0)" triggers | grep "ldconfig" >/dev/null ||
   fail "libzel-tc-lib0 has no ldconfig trigger"
-file -L "$work/src/debian/zel-tc/usr/bin/zel-tc" | grep -q ", stripped" || fail "zel-tc is not stripped"
+file -L "$work/src/debian/zel-tc/usr/bin/zel-tc" | grep ", stripped" >/dev/null || fail "zel-tc is not stripped"
 echo "packages: built, lintian clean, no platform-named library in the library path"
 
 if [ "$(id -u)" -ne 0 ]; then
@@ -70,7 +71,7 @@ if [ "$(id -u)" -ne 0 ]; then
   exit $kSkipped
 fi
 for package in "${packages[@]}"; do
-  if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+  if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep 'install ok installed' >/dev/null; then
     echo "packages: SKIPPED installing them: $package is installed on this machine already" >&2
     exit $kSkipped
   fi
@@ -84,7 +85,7 @@ for package in "${packages[@]}"; do dpkg -L "$package"; done >"$work/installed.f
 if grep -E "/$platform_names" "$work/installed.files" | grep -v "/zel-tc-lib/"; then
   fail "dpkg -L shows a platform-named library in the library path"
 fi
-ldconfig -p | grep -qF "libzel-tc-lib.so.0 " || fail "ldconfig does not know the library"
+ldconfig -p | grep -F "libzel-tc-lib.so.0 " >/dev/null || fail "ldconfig does not know the library"
 ldconfig -p | grep -E "$platform_names" && fail "ldconfig finds a platform-named library"
 
 # The whole plan through the installed zel-tc and the zel-vaultd it starts.
@@ -111,7 +112,7 @@ while read -r path; do
   [ -e "$path" ] && fail "$path is left after dpkg --purge"
 done <"$work/installed.files"
 for package in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'installed' && fail "$package is still installed"
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep 'installed' >/dev/null && fail "$package is still installed"
 done
 [ -e "/usr/lib/$multiarch/zel-tc-lib" ] && fail "the private folder is left"
 echo "packages: installed, the plan and the example ran, removed cleanly"
