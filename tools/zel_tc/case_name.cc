@@ -4,16 +4,11 @@
 #include <cstring>
 
 #include "interface/zel_ta_ids.h"
+#include "tee_names.h"
 
 namespace zel::tc {
 
 namespace {
-
-std::string hex(int32_t value) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", static_cast<uint32_t>(value));
-    return text;
-}
 
 bool sameUuid(const TEEC_UUID& a, const TEEC_UUID& b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
@@ -47,7 +42,7 @@ std::string caseName(const Step& step) {
                       u.clockSeqAndNode[7]);
         name += std::string(".uuid") + text;
     }
-    if (step.why) name += ".expect" + hex(step.expected);
+    if (step.why) name += ".expect" + resultHex(static_cast<uint32_t>(step.expected));
     return name;
 }
 

@@ -13,11 +13,6 @@ namespace zel::tc {
 
 namespace {
 
-std::string hex(int32_t value) {
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", static_cast<uint32_t>(value));
-    return text;
-}
 
 // Text that goes inside XML attributes and elements. Control characters have no place in XML 1.0,
 // so they are written as \xNN.
@@ -107,7 +102,7 @@ void writeSummary(std::ostream& out, const std::vector<StepRecord>& records,
             << sendsText(record.step) << std::setw(40) << record.describe(timeoutSeconds)
             << std::setw(9) << record.verdict() << seconds.str();
         if (record.step.why)
-            out << "  expected " << hex(record.step.expected) << ": " << record.step.why;
+            out << "  expected " << resultHex(static_cast<uint32_t>(record.step.expected)) << ": " << record.step.why;
         out << "\n";
     }
     const int failed = countFailed(records);
@@ -147,7 +142,7 @@ bool writeJunit(const std::string& path, const RunInfo& run,
             xml << "      <error message=\"" << xmlEscaped(said) << "\"/>\n";
         else if (!record.passed())
             xml << "      <failure message=\"result " << xmlEscaped(said) << ", expected "
-                << hex(record.step.expected) << "\"/>\n";
+                << resultHex(static_cast<uint32_t>(record.step.expected)) << "\"/>\n";
         xml << "      <system-out>";
         for (const std::string& line : record.outcome.lines) xml << xmlEscaped(line) << "\n";
         xml << "</system-out>\n    </testcase>\n";

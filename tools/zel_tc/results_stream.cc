@@ -39,9 +39,7 @@ nlohmann::json stepRecord(const StepRecord& record, unsigned timeoutSeconds) {
                           {"result_name", nullptr}};
     if (returned) {
         const uint32_t result = static_cast<uint32_t>(record.outcome.result);
-        char hex[16];
-        std::snprintf(hex, sizeof hex, "0x%08X", result);
-        out["result"] = hex;
+        out["result"] = resultHex(result);
         const std::string name = resultName(result);
         if (!name.empty()) out["result_name"] = name;
     } else {

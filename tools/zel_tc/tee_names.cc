@@ -72,11 +72,15 @@ std::string resultName(uint32_t result) {
     return {};
 }
 
-std::string describeResult(uint32_t result) {
+std::string resultHex(uint32_t result) {
     char hex[16];
     std::snprintf(hex, sizeof hex, "0x%08X", result);
+    return hex;
+}
+
+std::string describeResult(uint32_t result) {
     const std::string name = resultName(result);
-    return name.empty() ? hex : std::string(hex) + " " + name;
+    return name.empty() ? resultHex(result) : resultHex(result) + " " + name;
 }
 
 bool parseResult(const std::string& text, uint32_t& result) {

@@ -9,6 +9,8 @@ namespace zel::tc {
 
 // "TEEC_ERROR_ITEM_NOT_FOUND" for 0xFFFF0008; empty for a value with no name.
 std::string resultName(uint32_t result);
+// "0xFFFF0008": a result as every report writes it.
+std::string resultHex(uint32_t result);
 // "0xFFFF0008 TEEC_ERROR_ITEM_NOT_FOUND", or the hex alone.
 std::string describeResult(uint32_t result);
 
