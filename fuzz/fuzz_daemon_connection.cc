@@ -86,21 +86,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const uint8_t* message = data + at;
         at += length;
         // A registration's block is filled with what follows the request in the message.
-        const uint8_t* fill = length > sizeof(wire::Request) ? message + sizeof(wire::Request) : nullptr;
+        const uint8_t* fill =
+            length > sizeof(wire::Request) ? message + sizeof(wire::Request) : nullptr;
         const size_t fillSize = fill ? length - sizeof(wire::Request) : 0;
         uint32_t asked = 4096;
         if (length >= sizeof(wire::Request)) {
             wire::Request request;
             std::memcpy(&request, message, sizeof request);
-            if (request.op == wire::kRegisterMemory) asked = std::min<uint32_t>(request.size, 1 << 16);
+            if (request.op == wire::kRegisterMemory)
+                asked = std::min<uint32_t>(request.size, 1 << 16);
         }
         const size_t sent = std::min(length, sizeof(wire::Request) + 8);
         std::vector<int> fds;
         int pipeFds[2] = {-1, -1};
         switch (kind & 7) {
-            case 1: fds.push_back(memfd(fill, fillSize, asked ? asked : 1, true)); break;
-            case 2: fds.push_back(memfd(fill, fillSize, asked ? asked : 1, false)); break;
-            case 3: fds.push_back(memfd(fill, fillSize, asked / 2 + 1, true)); break;  // short
+            case 1:
+                fds.push_back(memfd(fill, fillSize, asked ? asked : 1, true));
+                break;
+            case 2:
+                fds.push_back(memfd(fill, fillSize, asked ? asked : 1, false));
+                break;
+            case 3:
+                fds.push_back(memfd(fill, fillSize, asked / 2 + 1, true));
+                break;  // short
             case 4:
                 if (pipe2(pipeFds, O_CLOEXEC) == 0) fds = {pipeFds[0], pipeFds[1]};
                 break;
@@ -109,7 +117,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 fds.push_back(memfd(nullptr, 0, 64, false));
                 fds.push_back(memfd(nullptr, 0, 64, true));
                 break;
-            default: break;
+            default:
+                break;
         }
         zel::test::sendWithDescriptors(pair[0], message, sent, fds, MSG_DONTWAIT);
         for (int fd : fds) close(fd);

@@ -59,8 +59,10 @@ void createData(const uint8_t* text, size_t length, unsigned int outSize) {
     Bytes expected;
     const bool ok = modelHex(text, length, expected) && expected.size() == outSize;
     check((got == 0) == ok);
-    if (ok) check(Bytes(out.begin(), out.begin() + outSize) == expected);
-    else check(Bytes(outSize + 1, 0xEE) == out);  // written only on success
+    if (ok)
+        check(Bytes(out.begin(), out.begin() + outSize) == expected);
+    else
+        check(Bytes(outSize + 1, 0xEE) == out);  // written only on success
 }
 
 // Reference of the documented checks, in their order.
@@ -88,8 +90,8 @@ void derToRaw(const uint8_t* der, size_t length, unsigned int capacity) {
     Bytes raw(std::max(capacity, 64u) + 1, 0xEE);
     unsigned int size = capacity;
     const std::vector<uint8_t> copy(der, der + length);  // exactly length bytes for ASan
-    const int got = ecSignature_der_to_raw(copy.data(), static_cast<unsigned int>(length),
-                                           raw.data(), &size);
+    const int got =
+        ecSignature_der_to_raw(copy.data(), static_cast<unsigned int>(length), raw.data(), &size);
     Bytes expected;
     int model = modelDer(der, length, expected);
     if (model == 0 && capacity < 64) model = -8;
@@ -108,10 +110,10 @@ void hdPath(const uint8_t* bytes, size_t length) {
     check((got == 0) == (length == 20));
     const uint32_t* levels = &path.purpose;
     for (unsigned int i = 0; i < 5; ++i) {
-        const uint32_t expected =
-            length == 20 ? static_cast<uint32_t>(bytes[4 * i]) << 24 | bytes[4 * i + 1] << 16 |
-                               bytes[4 * i + 2] << 8 | bytes[4 * i + 3]
-                         : 1u;
+        const uint32_t expected = length == 20 ? static_cast<uint32_t>(bytes[4 * i]) << 24 |
+                                                     bytes[4 * i + 1] << 16 |
+                                                     bytes[4 * i + 2] << 8 | bytes[4 * i + 3]
+                                               : 1u;
         check(levels[i] == expected);
         check(getHDPathIndex(path, i) == expected);
     }
@@ -142,11 +144,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t* rest = data + 2;
     const size_t length = size - 2;
     switch (data[0] % 5) {
-        case 0: hexReader(rest, length, capacity); break;
-        case 1: derToRaw(rest, length, capacity); break;
-        case 2: hdPath(rest, length); break;
-        case 3: createData(rest, length, capacity); break;
-        default: base64(rest, length); break;
+        case 0:
+            hexReader(rest, length, capacity);
+            break;
+        case 1:
+            derToRaw(rest, length, capacity);
+            break;
+        case 2:
+            hdPath(rest, length);
+            break;
+        case 3:
+            createData(rest, length, capacity);
+            break;
+        default:
+            base64(rest, length);
+            break;
     }
     return 0;
 }

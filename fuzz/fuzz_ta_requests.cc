@@ -46,8 +46,8 @@ Tas& tas() {
 // The state every input starts from: keys at 0 (EC) and 1 (AES), a hub token at 2, a slot at 3.
 void resetState(Tas& t) {
     static Bytes ecKey, aesKey;
-    if (ecKey.empty() && (generateEcKey(ecKey) != TEEC_SUCCESS ||
-                          randomBytes(32, aesKey) != TEEC_SUCCESS))
+    if (ecKey.empty() &&
+        (generateEcKey(ecKey) != TEEC_SUCCESS || randomBytes(32, aesKey) != TEEC_SUCCESS))
         abort();
     t.storage->clear();
     t.storage->writeKey(0, {VaultTa::kKeyTypeEc, ecKey});

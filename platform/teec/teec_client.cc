@@ -11,8 +11,8 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <string>
 #include <new>
+#include <string>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -73,8 +73,9 @@ bool transact(TeecConnection& connection, const Request& request, int passFd, Re
 // run as this user or as root. Checked before anything is sent; the message says what is wrong.
 bool trustedDirectory(const std::string& path) {
     const auto slash = path.find_last_of('/');
-    const std::string directory =
-        slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const std::string directory = slash == std::string::npos ? "."
+                                  : slash == 0               ? "/"
+                                                             : path.substr(0, slash);
     struct stat info {};
     const char* problem = nullptr;
     if (lstat(directory.c_str(), &info) != 0)
@@ -97,7 +98,8 @@ bool trustedPeer(int fd, const std::string& path) {
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
         (peer.uid == geteuid() || peer.uid == 0))
         return true;
-    std::fprintf(stderr, "teec: refusing the TEE socket %s: it is served by another user (uid %u)\n",
+    std::fprintf(stderr,
+                 "teec: refusing the TEE socket %s: it is served by another user (uid %u)\n",
                  path.c_str(), static_cast<unsigned>(peer.uid));
     return false;
 }

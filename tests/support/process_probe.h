@@ -46,7 +46,8 @@ inline long cpuTicks(pid_t pid) {
 
 // Polls until the condition holds or the time is up; whether it held.
 inline bool eventually(const std::function<bool()>& condition, int milliseconds = 5000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));

@@ -21,7 +21,8 @@ using namespace zel::tc::fuzz;
 
 Call put(int32_t index, std::vector<uint8_t> data) {
     const uint32_t size = static_cast<uint32_t>(data.size());
-    return {Ta::kVault, zel::cmd::zel_put,
+    return {Ta::kVault,
+            zel::cmd::zel_put,
             {Field::integer(index), Field::unsignedInt(size), Field::blob(std::move(data))}};
 }
 
@@ -57,9 +58,9 @@ TEST_F(FuzzE2eTest, EachKindOfFindingIsCaughtAtItsCall) {
         {TEEC_ERROR_BAD_STATE, TEEC_ORIGIN_TRUSTED_APP, FindingKind::kNone},
     };
     for (const auto& answer : answers) {
-        ASSERT_EQ(control.failInvocations(zel_test, zel::cmd::zel_get, 1, answer.result,
-                                          answer.origin),
-                  TEEC_SUCCESS);
+        ASSERT_EQ(
+            control.failInvocations(zel_test, zel::cmd::zel_get, 1, answer.result, answer.origin),
+            TEEC_SUCCESS);
         const Verdict seen = run(calls);
         EXPECT_EQ(seen.kind, answer.kind) << std::hex << answer.result << " " << seen.detail;
         if (answer.kind == FindingKind::kNone) {
@@ -73,8 +74,7 @@ TEST_F(FuzzE2eTest, EachKindOfFindingIsCaughtAtItsCall) {
     }
 
     // A success whose reply is a Uint where an Int was due, then one with a short blob.
-    for (const std::vector<uint8_t>& reply :
-         {std::vector<uint8_t>{}, std::vector<uint8_t>{9, 9}}) {
+    for (const std::vector<uint8_t>& reply : {std::vector<uint8_t>{}, std::vector<uint8_t>{9, 9}}) {
         std::vector<uint8_t> message(64, 0);
         zel::wsm::Writer writer(message.data(), static_cast<uint32_t>(message.size()));
         if (reply.empty()) {
@@ -113,8 +113,9 @@ TEST_F(FuzzE2eTest, EachKindOfFindingIsCaughtAtItsCall) {
 }
 
 TEST_F(FuzzE2eTest, AFillBlobTakesTheRestOfTheBlockAndWhatDoesNotFitIsDropped) {
-    Call filling{Ta::kVault, zel::cmd::zel_compareData, {Field::integer(1), Field::unsignedInt(0),
-                                                         Field::blob({})}};
+    Call filling{Ta::kVault,
+                 zel::cmd::zel_compareData,
+                 {Field::integer(1), Field::unsignedInt(0), Field::blob({})}};
     filling.fields.back().fill = true;
     filling.fields.push_back(Field::integer(5));  // no room left for it
     Sequence calls = {filling};
@@ -157,16 +158,16 @@ TEST_F(FuzzE2eTest, ReplaySaysWhetherTheFindingReproduces) {
     Reproducer reproducer;
     reproducer.kind = FindingKind::kNonGpResult;
     reproducer.result = 0x16;
-    reproducer.calls = {put(3, {7}), {Ta::kVault, zel::cmd::zel_getHash,
-                                      {Field::integer(3), Field::integer(0)}}};
+    reproducer.calls = {
+        put(3, {7}), {Ta::kVault, zel::cmd::zel_getHash, {Field::integer(3), Field::integer(0)}}};
     const std::string file = testing::TempDir() + "fuzz_replay.repro";
     std::string error;
     ASSERT_TRUE(writeReproducer(file, reproducer, error)) << error;
     const std::string replay = "replay " + file + " --socket " + daemon->socketPath();
 
-    ASSERT_EQ(control.failInvocations(zel_test, zel::cmd::zel_getHash, 0, 0x16,
-                                      TEEC_ORIGIN_TRUSTED_APP),
-              TEEC_SUCCESS);
+    ASSERT_EQ(
+        control.failInvocations(zel_test, zel::cmd::zel_getHash, 0, 0x16, TEEC_ORIGIN_TRUSTED_APP),
+        TEEC_SUCCESS);
     CliRun run = zelTc(replay);
     EXPECT_EQ(run.exitCode, 1) << run.err;
     EXPECT_NE(run.err.find("reproduces: non-gp-result at zel_test zel_getHash(int 3, int 0)"),
@@ -191,7 +192,8 @@ TEST_F(FuzzE2eTest, ReplaySaysWhetherTheFindingReproduces) {
 TEST(FuzzSmokeTest, TwentySecondsAgainstTheCleanVaultFindNothing) {
     const std::string dir = testing::TempDir() + "fuzz_smoke";
     const std::string json = dir + ".json";
-    const CliRun run = zelTc("fuzz --seconds 20 --seed 20 --quiet --out " + dir + " --json " + json);
+    const CliRun run =
+        zelTc("fuzz --seconds 20 --seed 20 --quiet --out " + dir + " --json " + json);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     std::ifstream in(json);
     std::stringstream text;

@@ -119,10 +119,12 @@ Reproducer sample() {
     std::vector<uint8_t> big(8000);
     for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<uint8_t>(i * 7);
     r.calls = {
-        {Ta::kVault, zel::cmd::zel_put, {Field::integer(INT_MIN), Field::unsignedInt(8000),
-                                         Field::blob(big)}},
+        {Ta::kVault,
+         zel::cmd::zel_put,
+         {Field::integer(INT_MIN), Field::unsignedInt(8000), Field::blob(big)}},
         {Ta::kVault, 0xFFFFFFFFu, {}},
-        {Ta::kSecureProcessor, zel::cmd::ze_updateFW,
+        {Ta::kSecureProcessor,
+         zel::cmd::ze_updateFW,
          {Field::integer(-1), Field::unsignedInt(UINT32_MAX), Field::blob({})}},
         {Ta::kVault, zel::cmd::zel_decryptByKey, {Field::integer(INT_MAX)}},
     };
@@ -180,8 +182,7 @@ TEST(FuzzReproducerTest, BadFilesAreRefusedNamingTheLine) {
 
 Sequence numbered(size_t count) {
     Sequence calls;
-    for (size_t i = 0; i < count; ++i)
-        calls.push_back({Ta::kVault, static_cast<uint32_t>(i), {}});
+    for (size_t i = 0; i < count; ++i) calls.push_back({Ta::kVault, static_cast<uint32_t>(i), {}});
     return calls;
 }
 
@@ -211,10 +212,12 @@ TEST(FuzzMinimizeTest, KeepsOnlyTheCallsTheFindingNeeds) {
     EXPECT_LE(tests, 60u);
 
     // The last call alone.
-    EXPECT_EQ(minimize(numbered(24), [](const Sequence& c) { return c.back().id == 23; }, 200),
+    EXPECT_EQ(minimize(
+                  numbered(24), [](const Sequence& c) { return c.back().id == 23; }, 200),
               (Sequence{{Ta::kVault, 23, {}}}));
     // A finding that needs everything keeps everything.
-    EXPECT_EQ(minimize(numbered(6), [](const Sequence& c) { return c.size() == 6; }, 200),
+    EXPECT_EQ(minimize(
+                  numbered(6), [](const Sequence& c) { return c.size() == 6; }, 200),
               numbered(6));
     // Out of tests: what was reduced so far, still failing.
     tests = 0;

@@ -35,9 +35,8 @@ CliRun zelTc(const std::string& arguments, const std::string& environment = "") 
     std::string errFile = testing::TempDir() + "zel_tc_stderr_XXXXXX";
     close(mkstemp(errFile.data()));
     const std::string emulator = zel::vault::programEmulator();
-    const std::string command =
-        environment + " " + (emulator.empty() ? "" : emulator + " ") + ZEL_TC_PATH + " " +
-        arguments + " 2>" + errFile;
+    const std::string command = environment + " " + (emulator.empty() ? "" : emulator + " ") +
+                                ZEL_TC_PATH + " " + arguments + " 2>" + errFile;
     FILE* pipe = popen(command.c_str(), "r");
     std::string out;
     char buffer[4096];
@@ -267,10 +266,10 @@ TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
     std::stringstream json, xml;
     json << std::ifstream(report + ".json").rdbuf();
     xml << std::ifstream(report + ".xml").rdbuf();
-    EXPECT_NE(json.str().find("\"run\": {\"platform\": \"host\", \"tee\": \"" +
-                              daemon->socketPath() +
-                              "\", \"identity\": {\"device.serial\": \"unavailable\""),
-              std::string::npos)
+    EXPECT_NE(
+        json.str().find("\"run\": {\"platform\": \"host\", \"tee\": \"" + daemon->socketPath() +
+                        "\", \"identity\": {\"device.serial\": \"unavailable\""),
+        std::string::npos)
         << json.str();
     EXPECT_NE(json.str().find("\"ta.firmware_words\": \"0x00000003,0xDEADBEEF\"}"),
               std::string::npos)
