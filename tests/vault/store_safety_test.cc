@@ -64,7 +64,10 @@ class StoreSafetyTest : public testing::Test {
     // when it started after all (it is then stopped).
     std::string refusal() {
         // The shell prints its pid, then becomes the daemon.
-        const std::string command = "echo $$; exec " + zel::vault::defaultVaultdPath() +
+        // A cross build's daemon cannot be exec'd directly, only through its emulator.
+        const std::string emulator = zel::vault::programEmulator();
+        const std::string command = "echo $$; exec " + (emulator.empty() ? "" : emulator + " ") +
+                                    zel::vault::defaultVaultdPath() +
                                     " --socket " + directory_ + "/socket --storage " + storage_ +
                                     " --ready-fd 1 2>&1";
         FILE* pipe = popen(command.c_str(), "r");
