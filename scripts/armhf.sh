@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Cross-builds the library, the host stand-ins, zel-vaultd and the tests for 32-bit ARM
-# (arm-linux-gnueabihf) and runs the whole test suite under qemu-arm through CTest.
+# (arm-linux-gnueabihf) and runs the whole test suite under qemu-arm through CTest; then makes the
+# armhf packages of a device build and runs their zel-tc (scripts/armhf-device.sh).
 #
 #   bash scripts/armhf.sh                 install what is missing, build into build-armhf/, test
 #   bash scripts/armhf.sh --install-only  only install the toolchain and the armhf packages
@@ -14,7 +15,8 @@ readonly kCannotInstall=3
 build_dir=build-armhf
 
 # Native tools, and packages the host and the target share as one (architecture-independent).
-native=(crossbuild-essential-armhf qemu-user cmake make pkg-config libcli11-dev nlohmann-json3-dev googletest)
+native=(crossbuild-essential-armhf qemu-user cmake make pkg-config libcli11-dev nlohmann-json3-dev googletest
+  debhelper dpkg-dev lintian file)
 # Multi-Arch: same libraries, installed for armhf beside the native ones; libstdc++6 because
 # the cross compiler's own copy lies outside the folders that armhf's loader searches under qemu.
 shared=(libssl-dev libsqlite3-dev libgtest-dev libgmock-dev libstdc++6)
@@ -107,3 +109,4 @@ cmake -S . -B "$build_dir" \
   -DZEL_BUILD_BENCH=OFF || exit 1
 cmake --build "$build_dir" -j "$(nproc)" || exit 1
 ctest --test-dir "$build_dir" -j "$(nproc)" --output-on-failure || exit 1
+bash scripts/armhf-device.sh "$build_dir" || exit 1

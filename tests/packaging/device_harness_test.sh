@@ -4,9 +4,19 @@
 # are built in device mode against that tree, and the device zel-tc runs the whole plan against a
 # zel-vaultd reached as the platform's default TEE.
 #
-#   device_harness_test.sh HOST_BUILD_DIR SOURCE_DIR
+#   device_harness_test.sh HOST_BUILD_DIR SOURCE_DIR           build zel-tc for the device, run it
+#   device_harness_test.sh HOST_BUILD_DIR --zel-tc PATH --libs DIR
+#                                  run a device zel-tc built elsewhere (a package's), its library in DIR
+# ZEL_EMULATOR (e.g. qemu-arm) runs the daemon and zel-tc when HOST_BUILD_DIR is a cross build.
 set -euo pipefail
-host_build=$(cd "$1" && pwd) source_dir=$(cd "$2" && pwd)
+host_build=$(cd "$1" && pwd)
+zel_tc="" libs=""
+if [ "$2" = --zel-tc ]; then
+  zel_tc=$(realpath "$3") libs=$(cd "$5" && pwd)
+else
+  source_dir=$(cd "$2" && pwd)
+fi
+emulator=${ZEL_EMULATOR:-}
 work=$(mktemp -d)
 daemon=""
 cleanup() {
@@ -21,25 +31,35 @@ cmake --install "$host_build" --component platform --prefix "$platform" >/dev/nu
 [ -f "$platform/lib/libteec.so" ] && [ -f "$platform/include/qeru/qeru_wsm.h" ] ||
   fail "the platform tree is incomplete"
 
-cmake -S "$source_dir" -B "$work/build" -DZEL_PLATFORM=device -DZEL_BUILD_TESTS=OFF \
-  -DZEL_BUILD_BENCH=OFF -DZEL_WERROR=ON -DCMAKE_PREFIX_PATH="$platform" \
-  -DCMAKE_INSTALL_PREFIX="$work/install" -DCMAKE_INSTALL_LIBDIR=lib >"$work/build.log" 2>&1 &&
-  cmake --build "$work/build" -j2 --target install >>"$work/build.log" 2>&1 ||
-  { tail -40 "$work/build.log"; fail "the device build failed"; }
-zel_tc=$work/install/bin/zel-tc
-[ -e "$work/install/bin/zel-vaultd" ] && fail "a device build installed zel-vaultd"
+if [ -z "$zel_tc" ]; then
+  cmake -S "$source_dir" -B "$work/build" -DZEL_PLATFORM=device -DZEL_BUILD_TESTS=OFF \
+    -DZEL_BUILD_BENCH=OFF -DZEL_WERROR=ON -DCMAKE_PREFIX_PATH="$platform" \
+    -DCMAKE_INSTALL_PREFIX="$work/install" -DCMAKE_INSTALL_LIBDIR=lib >"$work/build.log" 2>&1 &&
+    cmake --build "$work/build" -j2 --target install >>"$work/build.log" 2>&1 ||
+    { tail -40 "$work/build.log"; fail "the device build failed"; }
+  zel_tc=$work/install/bin/zel-tc
+  [ -e "$work/install/bin/zel-vaultd" ] && fail "a device build installed zel-vaultd"
+fi
 
-# The platform's libraries are in the device's library path.
-export LD_LIBRARY_PATH=$platform/lib
+# The platform's libraries are in the device's library path. An emulator gets the path for its
+# guest only: the build machine's own programs must not see foreign libraries.
+library_path=$platform/lib${libs:+:$libs}
+device() {
+  if [ -n "$emulator" ]; then
+    "$emulator" -E "LD_LIBRARY_PATH=$library_path" "$@"
+  else
+    LD_LIBRARY_PATH=$library_path "$@"
+  fi
+}
 mkdir -m 700 "$work/tee"
 export ZEL_TEE_SOCKET=$work/tee/socket
-"$host_build/bin/zel-vaultd" --socket "$ZEL_TEE_SOCKET" >"$work/vaultd.log" 2>&1 &
+${emulator:+"$emulator"} "$host_build/bin/zel-vaultd" --socket "$ZEL_TEE_SOCKET" >"$work/vaultd.log" 2>&1 &
 daemon=$!
-for _ in $(seq 100); do [ -S "$ZEL_TEE_SOCKET" ] && break; sleep 0.1; done
+for _ in $(seq 300); do [ -S "$ZEL_TEE_SOCKET" ] && break; sleep 0.1; done
 [ -S "$ZEL_TEE_SOCKET" ] || { cat "$work/vaultd.log"; fail "zel-vaultd did not start"; }
 
 printf 'db/comss/serialnumber=DEV-0001\n' >"$work/vconf"
-ZEL_VCONF_FILE=$work/vconf "$zel_tc" run --all --junit "$work/report.xml" --json "$work/report.json" \
+ZEL_VCONF_FILE=$work/vconf device "$zel_tc" run --all --junit "$work/report.xml" --json "$work/report.json" \
   >"$work/plan.out" 2>"$work/plan.err" || { tail -30 "$work/plan.err"; fail "the plan failed"; }
 grep -q "zel-tc: 61 passed, 0 failed" "$work/plan.err" || { tail "$work/plan.err"; fail "not 61 passed"; }
 grep -q '<property name="platform" value="device"/>' "$work/report.xml" || fail "no platform property"
@@ -48,11 +68,17 @@ grep -q '<property name="ta.firmware_words" value="0x00000001,' "$work/report.xm
   fail "no firmware words"
 grep -q '"device.serial": "DEV-0001"' "$work/report.json" || fail "no identity in the JSON report"
 
+# The fuzzer reaches the device's TEE too: a short campaign over the clean vault finds nothing.
+
+device "$zel_tc" fuzz --runs 150 --seed 3 --quiet --out "$work/findings" --json "$work/fuzz.json" \
+  >"$work/fuzz.out" 2>"$work/fuzz.err" || { tail -20 "$work/fuzz.err"; fail "the fuzz campaign failed"; }
+grep -q "150 executions.*, 0 findings" "$work/fuzz.err" || { cat "$work/fuzz.err"; fail "no fuzz summary"; }
+
 # What needs the host TEE is refused, with exit 2.
 for arguments in "vault status" "vault fail --cmd 7" "run process --socket $ZEL_TEE_SOCKET"; do
   status=0
   # shellcheck disable=SC2086  # one argument per word
-  "$zel_tc" $arguments >"$work/refused.out" 2>"$work/refused.err" || status=$?
+  device "$zel_tc" $arguments >"$work/refused.out" 2>"$work/refused.err" || status=$?
   [ "$status" -eq 2 ] || fail "'zel-tc $arguments' exited $status, not 2"
   grep -q "this zel-tc was built for the device's own TEE" "$work/refused.err" ||
     { cat "$work/refused.err"; fail "'zel-tc $arguments' does not say why"; }

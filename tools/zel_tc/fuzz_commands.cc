@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "fuzz_campaign.h"
-#include "fuzz_host_tee.h"
 #include "tee_names.h"
+#include "tee_target.h"
 
 namespace zel::tc {
 
@@ -26,13 +26,13 @@ struct FuzzOptions {
     double timeoutSeconds = 2;
     std::string json;
     bool quiet = false;
-    fuzz::HostTeeOptions tee;
+    TeeTargetOptions tee;
 };
 
 struct ReplayOptions {
     std::string file;
     double timeoutSeconds = 2;
-    fuzz::HostTeeOptions tee;
+    TeeTargetOptions tee;
 };
 
 unsigned milliseconds(double seconds) {
@@ -77,12 +77,15 @@ int fuzzCommand(FuzzOptions& options) {
     }
     campaign.timeoutMs = milliseconds(options.timeoutSeconds);
     campaign.progress = !options.quiet;
-    fuzz::RestartTee restart;
+    TeeTarget target;
     std::string error;
-    if (!fuzz::openHostTee(options.tee, restart, error)) {
+    if (!target.open(options.tee, error)) {
         say(error);
         return kExitUsage;
     }
+    // Without a restart, a finding that kills the TEE ends the campaign.
+    fuzz::Restart restart;
+    if (target.canRestart()) restart = [&target](std::string& why) { return target.restart(why); };
     const fuzz::CampaignSummary summary = fuzz::runCampaign(campaign, restart, std::cerr);
     say("fuzz summary: seed " + std::to_string(campaign.seed) + ", " +
         std::to_string(summary.executions) + " executions, " + std::to_string(summary.calls) +
@@ -108,12 +111,11 @@ int replayCommand(const ReplayOptions& options) {
         say(error);
         return kExitUsage;
     }
-    fuzz::RestartTee restart;
-    if (!fuzz::openHostTee(options.tee, restart, error)) {
+    TeeTarget target;
+    if (!target.open(options.tee, error)) {
         say(error);
         return kExitUsage;
     }
-    // openHostTee started a fresh daemon already: no second start for the replay.
     fuzz::Executor executor(milliseconds(options.timeoutSeconds));
     const fuzz::Verdict seen = fuzz::replay(reproducer, executor, nullptr, error);
     const std::string expected = std::string(fuzz::kindName(reproducer.kind)) + " at " +
@@ -145,8 +147,9 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
     fuzz->add_option("--seconds", fuzzOptions->campaign.seconds, "Stop after this many seconds");
     fuzz->add_option("--cmd", fuzzOptions->commands,
                      "Only these commands (names like zel_put or put, or ids); repeatable");
-    fuzz->add_option("--uuid", fuzzOptions->uuid, "Only the commands of this TA: zel_test or "
-                                                  "zel_test_a (or its UUID)");
+    fuzz->add_option("--uuid", fuzzOptions->uuid,
+                     "Only the commands of this TA: zel_test or "
+                     "zel_test_a (or its UUID)");
     fuzz->add_option("--timeout", fuzzOptions->timeoutSeconds,
                      "Seconds a TEE call may take before it counts as a hang")
         ->capture_default_str()
@@ -157,18 +160,19 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
                      "Stop after this many distinct findings");
     fuzz->add_option("--json", fuzzOptions->json, "Write the summary as JSON here");
     fuzz->add_flag("--quiet", fuzzOptions->quiet, "No progress lines");
-    fuzz::addHostTeeOptions(*fuzz, fuzzOptions->tee);
+    addTeeTargetOptions(*fuzz, fuzzOptions->tee);
     fuzz->callback([fuzzOptions, &exitCode] { exitCode = fuzzCommand(*fuzzOptions); });
 
     auto replayOptions = std::make_shared<ReplayOptions>();
     CLI::App* replay = app.add_subcommand(
         "replay", "Send a reproducer again; exit 1 when its finding reproduces, 0 when not");
     replay->add_option("file", replayOptions->file, "The reproducer file")->required();
-    replay->add_option("--timeout", replayOptions->timeoutSeconds,
-                       "Seconds a TEE call may take before it counts as a hang")
+    replay
+        ->add_option("--timeout", replayOptions->timeoutSeconds,
+                     "Seconds a TEE call may take before it counts as a hang")
         ->capture_default_str()
         ->check(CLI::Range(0.001, 3600.0));
-    fuzz::addHostTeeOptions(*replay, replayOptions->tee);
+    addTeeTargetOptions(*replay, replayOptions->tee);
     replay->callback([replayOptions, &exitCode] { exitCode = replayCommand(*replayOptions); });
 }
 

@@ -11,10 +11,11 @@
 #include <memory>
 
 #include "catalogue.h"
+#include "fuzz_commands.h"
 #include "helper_commands.h"
 #include "reports.h"
-#include "run_identity.h"
 #include "results_stream.h"
+#include "run_identity.h"
 #include "step_runner.h"
 #include "tee_names.h"
 #include "tee_target.h"
@@ -186,6 +187,7 @@ int main(int argc, char** argv) {
     int exitCode = 0;
     run->callback([&] { exitCode = ::run(options); });
     zel::tc::addTeeCommands(app, exitCode);
+    zel::tc::addFuzzCommands(app, exitCode);
     zel::tc::addHelperCommands(app, exitCode);
 
     try {

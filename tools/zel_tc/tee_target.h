@@ -33,8 +33,14 @@ class TeeTarget {
 
     // False with a message when no TEE can be had or an option cannot be honoured here.
     bool open(const TeeTargetOptions& options, std::string& error);
-    // Where the steps find the TEE, for the reports: a socket path, or "the platform's default TEE".
+    // Where the steps find the TEE, for the reports: a socket path, or "the platform's default
+    // TEE".
     const std::string& where() const { return where_; }
+    // Whether restart can bring back a TEE that a finding killed or hung: only a private host
+    // daemon is zel-tc's to restart; a named daemon or the device's TEE is not.
+    bool canRestart() const;
+    // Starts that TEE afresh (empty state, TAs alive); false with a message when it cannot.
+    bool restart(std::string& error);
 
   private:
     struct Held;
@@ -42,7 +48,7 @@ class TeeTarget {
     std::string where_;
 };
 
-// The `vault` verbs, and in host builds `fuzz` and `replay`. exitCode receives 0 when the request was done, 1 when it was refused, 2 for
+// The `vault` verbs. exitCode receives 0 when the request was done, 1 when it was refused, 2 for
 // a usage error (and for any of them in a device build).
 void addTeeCommands(CLI::App& app, int& exitCode);
 

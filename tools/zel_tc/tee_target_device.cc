@@ -12,7 +12,9 @@ constexpr const char* kRefusal = "this zel-tc was built for the device's own TEE
 
 }  // namespace
 
-const char* platformName() { return "device"; }
+const char* platformName() {
+    return "device";
+}
 
 void addTeeTargetOptions(CLI::App& command, TeeTargetOptions& options) {
     // Kept out of --help, but named when given, so a host command line pasted on a device fails
@@ -33,6 +35,15 @@ bool TeeTarget::open(const TeeTargetOptions& options, std::string& error) {
     }
     where_ = "the platform's default TEE";
     return true;
+}
+
+bool TeeTarget::canRestart() const {
+    return false;
+}
+
+bool TeeTarget::restart(std::string& error) {
+    error = "the device's TEE is not zel-tc's to restart";
+    return false;
 }
 
 void addTeeCommands(CLI::App& app, int& exitCode) {

@@ -2,13 +2,14 @@
 #include <cstdlib>
 
 #include "daemon_launcher.h"
-#include "fuzz_commands.h"
 #include "tee_target.h"
 #include "vault_commands.h"
 
 namespace zel::tc {
 
-const char* platformName() { return "host"; }
+const char* platformName() {
+    return "host";
+}
 
 void addTeeTargetOptions(CLI::App& command, TeeTargetOptions& options) {
     command.add_option("--socket", options.socket,
@@ -18,6 +19,7 @@ void addTeeTargetOptions(CLI::App& command, TeeTargetOptions& options) {
 }
 
 struct TeeTarget::Held {
+    std::string vaultd;
     std::unique_ptr<vault::VaultDaemon> daemon;
 };
 
@@ -27,19 +29,29 @@ TeeTarget::~TeeTarget() = default;
 bool TeeTarget::open(const TeeTargetOptions& options, std::string& error) {
     where_ = options.socket;
     if (where_.empty()) {
-        held_->daemon = vault::VaultDaemon::start({options.vaultd, {}, false, {}}, error);
-        if (!held_->daemon) return false;
-        where_ = held_->daemon->socketPath();
+        held_->vaultd = options.vaultd;
+        return restart(error);
     }
     // The TEE client library finds the default TEE here.
     setenv("ZEL_TEE_SOCKET", where_.c_str(), 1);
     return true;
 }
 
+bool TeeTarget::canRestart() const {
+    return held_->daemon != nullptr;
+}
+
+bool TeeTarget::restart(std::string& error) {
+    if (held_->daemon) held_->daemon->kill();  // it may be hung or dead: no clean stop to wait for
+    held_->daemon = vault::VaultDaemon::start({held_->vaultd, {}, false, {}}, error);
+    if (!held_->daemon) return false;
+    where_ = held_->daemon->socketPath();
+    setenv("ZEL_TEE_SOCKET", where_.c_str(), 1);
+    return true;
+}
+
 void addTeeCommands(CLI::App& app, int& exitCode) {
     addVaultCommands(app, exitCode);
-    // fuzz and replay restart the host daemon after a finding that kills it.
-    addFuzzCommands(app, exitCode);
 }
 
 }  // namespace zel::tc
