@@ -3,9 +3,16 @@
 # corpora and runs each for SECONDS (default 30). Any crash, leak or timeout fails the run; its
 # input is left in build-fuzz/artifacts/ to become a regression test.
 #   scripts/fuzz.sh [SECONDS] [TARGET...]     e.g. scripts/fuzz.sh 3600 fuzz_daemon_connection
-# A long campaign keeps its corpus in build-fuzz/corpus/TARGET between runs.
+#   scripts/fuzz.sh --runs N [SECONDS] [TARGET...]   stop each at N inputs or SECONDS, first met
+# A long campaign (scripts/fuzz.sh --runs 10000000 3600) keeps its corpus in build-fuzz/corpus/TARGET
+# between runs, and each target's last lines in build-fuzz/TARGET.log.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+runs=-1
+if [ "${1:-}" = --runs ]; then
+  runs=$2
+  shift 2
+fi
 seconds="${1:-30}"
 shift || true
 
@@ -31,10 +38,10 @@ status=0
 for target in "${targets[@]}"; do
   corpus="build-fuzz/corpus/$target"
   mkdir -p "$corpus"
-  echo "== $target: ${seconds}s"
+  echo "== $target: ${seconds}s$([ "$runs" -ge 0 ] && echo " or $runs inputs")"
   if ! build-fuzz/bin/"$target" "$corpus" "$seeds/$target" -max_total_time="$seconds" \
-      -timeout=10 -rss_limit_mb=2048 -max_len=4096 -print_final_stats=1 \
-      -artifact_prefix="build-fuzz/artifacts/$target-" 2>&1 | tail -n 25; then
+      -runs="$runs" -timeout=10 -rss_limit_mb=2048 -max_len=4096 -print_final_stats=1 \
+      -artifact_prefix="build-fuzz/artifacts/$target-" 2>&1 | tail -n 25 | tee "build-fuzz/$target.log"; then
     echo "fuzz.sh: $target found a fault; its input is in build-fuzz/artifacts/" >&2
     status=1
   fi

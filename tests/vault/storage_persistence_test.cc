@@ -11,33 +11,12 @@
 
 #include "daemon_launcher.h"
 #include "output_capture.h"
+#include "store_fixture.h"
 #include "zel_tc_lib.h"
 
 namespace {
 
-class StoragePersistenceTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        directory_ = testing::TempDir() + "zel_storage_XXXXXX";
-        ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-        storage_ = directory_ + "/vault.db";
-    }
-    void TearDown() override {
-        daemon_.reset();
-        unsetenv("ZEL_TEE_SOCKET");
-        for (const char* suffix : {"", "-wal", "-shm"}) unlink((storage_ + suffix).c_str());
-        rmdir(directory_.c_str());
-    }
-    // Starts a daemon over the storage file; error receives why it did not start.
-    bool startDaemon(std::string& error) {
-        daemon_ = zel::vault::VaultDaemon::start({{}, {}, false, {"--storage", storage_}}, error);
-        if (daemon_) setenv("ZEL_TEE_SOCKET", daemon_->socketPath().c_str(), 1);
-        return daemon_ != nullptr;
-    }
-
-    std::string directory_, storage_;
-    std::unique_ptr<zel::vault::VaultDaemon> daemon_;
-};
+using StoragePersistenceTest = StoreFixture;
 
 TEST_F(StoragePersistenceTest, SlotsSurviveKillAndRestart) {
     std::string error;

@@ -3,8 +3,8 @@
 // malformed row is TEEC_ERROR_BAD_STATE for the command that reads it while the daemon serves on.
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +18,7 @@
 
 #include "daemon_launcher.h"
 #include "output_capture.h"
+#include "store_fixture.h"
 #include "vault_storage.h"
 #include "zel_tc_lib.h"
 
@@ -42,24 +43,8 @@ Bytes readFile(const std::string& path) {
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-class StoreSafetyTest : public testing::Test {
+class StoreSafetyTest : public StoreFixture {
   protected:
-    void SetUp() override {
-        directory_ = testing::TempDir() + "zel_store_XXXXXX";
-        ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-        storage_ = directory_ + "/vault.db";
-    }
-    void TearDown() override {
-        daemon_.reset();
-        unsetenv("ZEL_TEE_SOCKET");
-        for (const char* suffix : {"", "-wal", "-shm"}) unlink((storage_ + suffix).c_str());
-        rmdir(directory_.c_str());
-    }
-    bool startDaemon(std::string& error) {
-        daemon_ = zel::vault::VaultDaemon::start({{}, {}, false, {"--storage", storage_}}, error);
-        if (daemon_) setenv("ZEL_TEE_SOCKET", daemon_->socketPath().c_str(), 1);
-        return daemon_ != nullptr;
-    }
     // Runs the daemon over the store and returns what it printed when it refused to start; empty
     // when it started after all (it is then stopped).
     std::string refusal() {
@@ -67,9 +52,8 @@ class StoreSafetyTest : public testing::Test {
         // A cross build's daemon cannot be exec'd directly, only through its emulator.
         const std::string emulator = zel::vault::programEmulator();
         const std::string command = "echo $$; exec " + (emulator.empty() ? "" : emulator + " ") +
-                                    zel::vault::defaultVaultdPath() +
-                                    " --socket " + directory_ + "/socket --storage " + storage_ +
-                                    " --ready-fd 1 2>&1";
+                                    zel::vault::defaultVaultdPath() + " --socket " + directory_ +
+                                    "/socket --storage " + storage_ + " --ready-fd 1 2>&1";
         FILE* pipe = popen(command.c_str(), "r");
         if (!pipe) return "popen failed";
         char line[512] = {};
@@ -87,9 +71,6 @@ class StoreSafetyTest : public testing::Test {
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << text;
         return text;
     }
-
-    std::string directory_, storage_;
-    std::unique_ptr<zel::vault::VaultDaemon> daemon_;
 };
 
 TEST_F(StoreSafetyTest, StoreAndItsWalFilesAreCreatedForTheOwnerOnly) {
@@ -144,9 +125,9 @@ TEST_F(StoreSafetyTest, MalformedRowsAreBadStateAndTheDaemonServesOn) {
         auto store = zel::vault::VaultStorage::open(storage_, error);
         ASSERT_TRUE(store) << error;
         ASSERT_EQ(store->writeHubToken(1, Bytes(15, 0x41)), TEEC_SUCCESS);  // needs 48 bytes
-        ASSERT_EQ(store->writeKey(2, {6, Bytes(5, 1)}), TEEC_SUCCESS);       // AES needs 32
-        ASSERT_EQ(store->writeKey(3, {5, Bytes(40, 2)}), TEEC_SUCCESS);      // not a DER key
-        ASSERT_EQ(store->writeSlot(4, Bytes(5000, 3)), TEEC_SUCCESS);        // slots hold 4096
+        ASSERT_EQ(store->writeKey(2, {6, Bytes(5, 1)}), TEEC_SUCCESS);      // AES needs 32
+        ASSERT_EQ(store->writeKey(3, {5, Bytes(40, 2)}), TEEC_SUCCESS);     // not a DER key
+        ASSERT_EQ(store->writeSlot(4, Bytes(5000, 3)), TEEC_SUCCESS);       // slots hold 4096
     }
     std::string error;
     ASSERT_TRUE(startDaemon(error)) << error;
@@ -174,7 +155,8 @@ TEST_F(StoreSafetyTest, MalformedRowsAreBadStateAndTheDaemonServesOn) {
     EXPECT_EQ(size, 2u);
     std::free(read);
     const auto lines = output.lines();
-    for (int command : {0x0f, 0x23, 0x09, 0x02}) EXPECT_TRUE(has(lines, badStateLine(command))) << command;
+    for (int command : {0x0f, 0x23, 0x09, 0x02})
+        EXPECT_TRUE(has(lines, badStateLine(command))) << command;
 }
 
 TEST_F(StoreSafetyTest, AFlippedByteInAStoredRowIsBadStateNotOtherData) {
@@ -195,7 +177,8 @@ TEST_F(StoreSafetyTest, AFlippedByteInAStoredRowIsBadStateNotOtherData) {
     ASSERT_NE(at, file.end());
     at[17] ^= 0x04;
     std::ofstream(storage_, std::ios::binary | std::ios::trunc)
-        .write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
+        .write(reinterpret_cast<const char*>(file.data()),
+               static_cast<std::streamsize>(file.size()));
 
     ASSERT_TRUE(startDaemon(error)) << error;
     OutputCapture output;
