@@ -11,6 +11,7 @@
 
 #include "fuzz_executor.h"
 #include "fuzz_reproducer.h"
+#include "fuzz_request.h"
 #include "interface/zel_ta_ids.h"
 #include "vault_fixture.h"
 #include "wsm_encoding.h"
@@ -185,6 +186,23 @@ TEST_F(FuzzE2eTest, ReplaySaysWhetherTheFindingReproduces) {
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_NE(run.err.find("line 3: bad field \"int:x\""), std::string::npos) << run.err;
     std::remove(file.c_str());
+}
+
+// The AK keys the generator makes are keys the TA takes, so that the provisioning chain builds
+// the state its later commands need: the check then matches the key just provisioned.
+TEST_F(FuzzE2eTest, GeneratedAkKeysAreProvisionedAndThenMatch) {
+    const CommandSpec* provision = findCommand("zel_akProvision");
+    ASSERT_NE(provision, nullptr);
+    Generator generator(5, {provision});
+    int matched = 0;
+    for (int i = 0; i < 20; ++i) {
+        const Call key = generator.wellFormedCall(*provision, 0);
+        const Call check{Ta::kSecureProcessor, zel::cmd::zel_checkZelAk, key.fields};
+        const Verdict verdict = run({key, check});
+        EXPECT_EQ(verdict.kind, FindingKind::kNone) << verdict.detail;
+        if (verdict.callsRun == 2 && verdict.result == TEEC_SUCCESS) ++matched;
+    }
+    EXPECT_GE(matched, 6);
 }
 
 // The fuzzer against the clean vault, on a daemon of its own: it covers every command and finds

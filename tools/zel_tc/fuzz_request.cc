@@ -34,6 +34,23 @@ std::string hexText(uint32_t size, Rng& rng) {
     return text;
 }
 
+// The hexadecimal text of a DER RSAPublicKey (a random odd 2048-bit modulus, exponent 65537):
+// a key the TA accepts, so that a provisioning chain goes on to check, bind and remove it.
+std::string akKeyText(Rng& rng) {
+    std::vector<uint8_t> der = {0x30, 0x82, 0x01, 0x0a, 0x02, 0x82, 0x01, 0x01, 0x00};
+    for (int i = 0; i < 256; ++i) der.push_back(static_cast<uint8_t>(rng.below(256)));
+    der[9] |= 0x80;
+    der.back() |= 0x01;
+    der.insert(der.end(), {0x02, 0x03, 0x01, 0x00, 0x01});
+    static const char digits[] = "0123456789abcdef";
+    std::string text;
+    for (uint8_t byte : der) {
+        text += digits[byte >> 4];
+        text += digits[byte & 0x0f];
+    }
+    return text;
+}
+
 }  // namespace
 
 bool wellFormed(const Call& call) {
@@ -84,16 +101,19 @@ uint32_t Rng::below(uint32_t bound) {
 }
 
 const std::vector<int32_t>& intBoundaries() {
-    static const std::vector<int32_t> values = {0, 1, -1, 2, INT_MIN, INT_MIN + 1, INT_MAX,
-                                                INT_MAX - 1, 31, 32, 33, 255, 256, 65535, 65536};
+    static const std::vector<int32_t> values = {0,           1,       -1,          2,     INT_MIN,
+                                                INT_MIN + 1, INT_MAX, INT_MAX - 1, 31,    32,
+                                                33,          255,     256,         65535, 65536};
     return values;
 }
 
 const std::vector<uint32_t>& sizeBoundaries() {
     static const std::vector<uint32_t> values = {
-        0,    1,    2,    3,    4,    7,    8,    15,   16,   17,   31,   32,
-        33,   63,   64,   65,   127,  128,  255,  256,  511,  512,  539,  540,
-        541,  1023, 1024, 2047, 2048, 4095, 4096, 4097, 8191, kBlockSize, kBlockSize + 1};
+        0,    1,    2,    3,    4,    7,          8,
+        15,   16,   17,   31,   32,   33,         63,
+        64,   65,   127,  128,  255,  256,        511,
+        512,  539,  540,  541,  1023, 1024,       2047,
+        2048, 4095, 4096, 4097, 8191, kBlockSize, kBlockSize + 1};
     return values;
 }
 
@@ -128,7 +148,8 @@ void Generator::addField(std::vector<Field>& fields, const RequestField& field, 
         if (field.role == Role::kIndex)
             value = indexValue(index);
         else if (field.role == Role::kParam || !rng_.chance(75))
-            value = rng_.chance(50) ? static_cast<int32_t>(rng_.below(8)) : rng_.pick(intBoundaries());
+            value =
+                rng_.chance(50) ? static_cast<int32_t>(rng_.below(8)) : rng_.pick(intBoundaries());
         fields.push_back(Field::integer(value));
         return;
     }
@@ -138,15 +159,27 @@ void Generator::addField(std::vector<Field>& fields, const RequestField& field, 
     }
     std::vector<uint8_t> bytes;
     switch (field.role) {
-        case Role::kIv: bytes = bytesOfSize(rng_.chance(85) ? 16 : dataSize()); break;
-        case Role::kAesKey: bytes = bytesOfSize(rng_.chance(85) ? 32 : dataSize()); break;
-        case Role::kPublicKey: bytes = bytesOfSize(rng_.chance(85) ? 91 : dataSize()); break;
+        case Role::kIv:
+            bytes = bytesOfSize(rng_.chance(85) ? 16 : dataSize());
+            break;
+        case Role::kAesKey:
+            bytes = bytesOfSize(rng_.chance(85) ? 32 : dataSize());
+            break;
+        case Role::kPublicKey:
+            bytes = bytesOfSize(rng_.chance(85) ? 91 : dataSize());
+            break;
         case Role::kAkText: {
-            const std::string text = hexText(rng_.chance(85) ? 540 : dataSize(), rng_);
+            // Mostly a real key; else hex of the right size that is no key, or any size.
+            const uint32_t roll = rng_.below(100);
+            const std::string text = roll < 60   ? akKeyText(rng_)
+                                     : roll < 85 ? hexText(540, rng_)
+                                                 : hexText(dataSize(), rng_);
             bytes.assign(text.begin(), text.end());
             break;
         }
-        default: bytes = bytesOfSize(dataSize()); break;
+        default:
+            bytes = bytesOfSize(dataSize());
+            break;
     }
     fields.push_back(Field::unsignedInt(static_cast<uint32_t>(bytes.size())));
     fields.push_back(Field::blob(std::move(bytes)));
@@ -170,11 +203,12 @@ void Generator::mutate(Call& call) {
             break;
         case 1:  // a length field that disagrees with its blob
             for (size_t i = 0; i + 1 < fields.size(); ++i) {
-                if (fields[i].type != Field::Type::kUint || fields[i + 1].type != Field::Type::kBlob)
+                if (fields[i].type != Field::Type::kUint ||
+                    fields[i + 1].type != Field::Type::kBlob)
                     continue;
                 const uint32_t size = static_cast<uint32_t>(fields[i + 1].bytes.size());
-                const uint32_t wrong[] = {size + 1, size - 1, 0, size * 2 + 1, 0xFFFFFFFFu,
-                                          kBlockSize};
+                const uint32_t wrong[] = {size + 1,     size - 1,    0,
+                                          size * 2 + 1, 0xFFFFFFFFu, kBlockSize};
                 fields[i].value = wrong[rng_.below(6)];
                 if (fields[i].value == size) fields[i].value = size + 1;
                 return;
@@ -221,14 +255,15 @@ void Generator::mutate(Call& call) {
             fields.back().fill = true;
             return;
         case 7: {  // an id the TA does not know
-            static const std::vector<uint32_t> unknown = {0x01, 0x05, 0x11, 0x14, 0x2e,
-                                                          0x7f, 0xff, 0xFFFFFFFFu};
+            static const std::vector<uint32_t> unknown = {0x01, 0x05, 0x11, 0x14,
+                                                          0x2e, 0x7f, 0xff, 0xFFFFFFFFu};
             call.id = rng_.chance(50) ? rng_.pick(unknown) : static_cast<uint32_t>(rng_.next());
             return;
         }
         default:  // a blob of a boundary size, its length field kept in step
             for (size_t i = 0; i + 1 < fields.size(); ++i) {
-                if (fields[i].type != Field::Type::kUint || fields[i + 1].type != Field::Type::kBlob)
+                if (fields[i].type != Field::Type::kUint ||
+                    fields[i + 1].type != Field::Type::kBlob)
                     continue;
                 fields[i + 1].bytes = bytesOfSize(rng_.pick(sizeBoundaries()));
                 fields[i].value = static_cast<uint32_t>(fields[i + 1].bytes.size());
