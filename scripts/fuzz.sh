@@ -30,8 +30,9 @@ cmake --build --preset fuzz -j "$(nproc)"
 
 targets=("$@")
 [ ${#targets[@]} -eq 0 ] && targets=(fuzz_codec_reader fuzz_support_parsers fuzz_ta_requests fuzz_daemon_connection)
-seeds=build-fuzz/seeds
-rm -rf "$seeds"
+# Seeds of this run only, so that campaigns of different targets can run side by side.
+seeds=$(mktemp -d build-fuzz/seeds.XXXXXX)
+trap 'rm -rf "$seeds"' EXIT
 python3 scripts/fuzz_seeds.py "$seeds"
 mkdir -p build-fuzz/artifacts
 status=0
