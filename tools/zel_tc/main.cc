@@ -10,6 +10,7 @@
 #include <iostream>
 #include <memory>
 
+#include "bench_command.h"
 #include "catalogue.h"
 #include "helper_commands.h"
 #include "reports.h"
@@ -187,6 +188,7 @@ int main(int argc, char** argv) {
     run->callback([&] { exitCode = ::run(options); });
     zel::tc::addTeeCommands(app, exitCode);
     zel::tc::addHelperCommands(app, exitCode);
+    zel::tc::addBenchCommand(app, exitCode);
 
     try {
         app.parse(argc, argv);
