@@ -24,6 +24,7 @@ class ReferenceServer {
     // False with a message when the socket or the child cannot be had.
     bool start(std::string& error);
     const std::string& socketPath() const { return socketPath_; }
+    pid_t pid() const { return pid_; }
 
   private:
     pid_t pid_ = -1;

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -98,6 +99,7 @@ struct ClientRun {
 // clients processes run whole commands, all starting together, each for `seconds` or until it
 // has made `each` commands (0: no count).
 ClientRun runClients(int clients, double seconds, uint64_t each) {
+    if (seconds <= 0 && each == 0) return {};  // nothing asked for; never an endless run
     int start[2], results[2];
     if (pipe(start) != 0 || pipe(results) != 0) return {};
     std::vector<pid_t> children;
@@ -160,6 +162,21 @@ int openDescriptors(pid_t pid) {
     return count;
 }
 
+// Every thread of a process (0: this one) on the CPUs of set; threads it starts later inherit them
+// from their creator.
+bool pin(pid_t pid, const cpu_set_t& set) {
+    const std::string tasks =
+        "/proc/" + (pid ? std::to_string(pid) : std::string("self")) + "/task";
+    DIR* directory = opendir(tasks.c_str());
+    if (!directory) return false;
+    bool all = true;
+    while (const dirent* entry = readdir(directory))
+        if (entry->d_name[0] != '.')
+            all &= sched_setaffinity(std::atoi(entry->d_name), sizeof set, &set) == 0;
+    closedir(directory);
+    return all;
+}
+
 const char* verdict(bool holds) {
     return holds ? "holds" : "MISSED";
 }
@@ -184,6 +201,10 @@ int main(int argc, char** argv) {
     app.add_option("--soak", soakCommands, "Commands between the daemon's two RSS/fd readings")
         ->capture_default_str();
     app.add_option("--vaultd", vaultd, "The zel-vaultd to measure")->capture_default_str();
+    int pinnedCpu = -1;
+    app.add_option("--pin", pinnedCpu,
+                   "Time the per-command latencies with client, floor and daemon on this one CPU "
+                   "(the throughput points always use every CPU)");
     CLI11_PARSE(app, argc, argv);
 
     std::string error;
@@ -196,6 +217,19 @@ int main(int argc, char** argv) {
     setenv("ZEL_TEE_SOCKET", daemon->socketPath().c_str(), 1);
     const std::string& floorSocket = reference.socketPath();
 
+    cpu_set_t everyCpu, oneCpu;
+    CPU_ZERO(&oneCpu);
+    if (sched_getaffinity(0, sizeof everyCpu, &everyCpu) != 0) CPU_ZERO(&everyCpu);
+    const pid_t processes[] = {0, reference.pid(), daemon->pid()};
+    if (pinnedCpu >= 0) {
+        CPU_SET(pinnedCpu, &oneCpu);
+        for (pid_t process : processes) {
+            if (!pin(process, oneCpu)) {
+                std::cerr << "transport_bench: cannot pin to CPU " << pinnedCpu << std::endl;
+                return 1;
+            }
+        }
+    }
     Comparison whole, invoke;
     {
         QuietStdout quiet;
@@ -212,6 +246,9 @@ int main(int argc, char** argv) {
                          invokesPerRound);
         invoke.failed |= !opened;
     }
+    if (pinnedCpu >= 0)
+        for (pid_t process : processes) pin(process, everyCpu);
+    if (pinnedCpu >= 0) std::printf("latencies with every process on CPU %d\n", pinnedCpu);
     std::printf("%-26s %10s %10s %7s  %s\n", "per command (median)", "floor us", "project us",
                 "ratio", "round ratios (noise)");
     for (const auto& [name, row] :
@@ -219,6 +256,7 @@ int main(int argc, char** argv) {
         std::printf("%-26s %10.1f %10.1f %7.2f  %.2f-%.2f%s\n", name, row->floorUs, row->projectUs,
                     row->ratio(), row->lowRatio, row->highRatio, row->failed ? "  FAILURES" : "");
 
+    std::fflush(stdout);
     const int counts[] = {1, 2, 4, 8, 32};
     std::vector<double> perSecond;
     bool throughputFailed = false;
@@ -257,10 +295,11 @@ int main(int argc, char** argv) {
         verdict(rssAfter - rssBefore <= 1024), verdict(fdsAfter == fdsBefore));
 
     std::printf(
-        "{\"bench\":\"transport\",\"whole_us\":{\"floor\":%.1f,\"project\":%.1f,\"ratio\":%.3f,"
+        "{\"bench\":\"transport\",\"pinned_cpu\":%d,\"whole_us\":{\"floor\":%.1f,\"project\":%.1f,"
+        "\"ratio\":%.3f,"
         "\"ratio_low\":%.3f,\"ratio_high\":%.3f},\"invoke_us\":{\"floor\":%.1f,\"project\":%.1f,"
         "\"ratio\":%.3f,\"ratio_low\":%.3f,\"ratio_high\":%.3f},\"commands_per_s\":{",
-        whole.floorUs, whole.projectUs, whole.ratio(), whole.lowRatio, whole.highRatio,
+        pinnedCpu, whole.floorUs, whole.projectUs, whole.ratio(), whole.lowRatio, whole.highRatio,
         invoke.floorUs, invoke.projectUs, invoke.ratio(), invoke.lowRatio, invoke.highRatio);
     for (size_t i = 0; i < perSecond.size(); ++i)
         std::printf("%s\"%d\":%.0f", i ? "," : "", counts[i], perSecond[i]);
