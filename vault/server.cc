@@ -88,28 +88,22 @@ bool Server::listen(std::string& error) {
 
 void Server::run(int stopFd) {
     stopFd_ = stopFd;
+    Worker* self = nullptr;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!startWorker()) {
-            std::cerr << "zel-vaultd: cannot start a thread to serve connections" << std::endl;
-            return;
-        }
+        workers_.emplace_back();
+        self = &workers_.back();
+        self->resident = true;
     }
-    pollfd stop{stopFd, POLLIN, 0};
-    while (poll(&stop, 1, -1) < 0 && errno == EINTR) {
-    }
+    work(*self);
     std::list<Worker> all;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-        for (Worker& worker : workers_)
-            if (worker.socket >= 0) shutdown(worker.socket, SHUT_RDWR);
-        followers_.notify_all();
-        ended_.notify_all();
         // No thread starts once stopping_ is set: the list is complete.
+        std::lock_guard<std::mutex> lock(mutex_);
         all.splice(all.end(), workers_);
     }
-    for (Worker& worker : all) worker.thread.join();
+    for (Worker& worker : all)
+        if (worker.thread.joinable()) worker.thread.join();
 }
 
 void Server::work(Worker& self) {
@@ -125,7 +119,8 @@ void Server::work(Worker& self) {
         reapFinished();
         lock.lock();
         leading_ = false;
-        if (!connection || stopping_) break;
+        if (!connection) stopAll();
+        if (stopping_) break;
         // The lead passes on before the connection is served; a connection that would leave
         // nobody to lead, or is past the limit, is closed (which tells its client).
         if (live_ >= limit_) {
@@ -154,11 +149,17 @@ void Server::work(Worker& self) {
         self.socket = -1;
         --live_;
         if (waitingForDescriptors_) ended_.notify_one();
-        if (idle_ >= kIdleThreads) break;
+        if (idle_ >= kIdleThreads && !self.resident) break;
     }
     self.finished = true;
-    // A leader that stops leaves the lead to the others (which see stopping_ as well).
-    followers_.notify_one();
+}
+
+void Server::stopAll() {
+    stopping_ = true;
+    for (Worker& worker : workers_)
+        if (worker.socket >= 0) shutdown(worker.socket, SHUT_RDWR);
+    followers_.notify_all();
+    ended_.notify_all();
 }
 
 UniqueFd Server::acceptNext() {
@@ -209,7 +210,7 @@ void Server::reapFinished() {
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto it = workers_.begin(); it != workers_.end();) {
             const auto next = std::next(it);
-            if (it->finished) finished.splice(finished.end(), workers_, it);
+            if (it->finished && !it->resident) finished.splice(finished.end(), workers_, it);
             it = next;
         }
     }

@@ -40,8 +40,8 @@ class Server {
     // Creates the socket in a directory only its owner can enter (made if missing). False with a
     // message when that cannot be done safely.
     bool listen(std::string& error);
-    // Accepts and serves until stopFd becomes readable (it is never read); then ends every
-    // connection, waits for every thread and removes the socket.
+    // Accepts and serves, on the calling thread too, until stopFd becomes readable (it is never
+    // read); then ends every connection and waits for every thread.
     void run(int stopFd);
 
   private:
@@ -49,10 +49,13 @@ class Server {
         std::thread thread;
         int socket = -1;  // the connection being served, for the shutdown
         bool finished = false;
+        bool resident = false;  // the thread that called run(): it stays until the stop
     };
     void work(Worker& self);
     // The leader's wait: the next connection, or empty once stopFd is readable.
     UniqueFd acceptNext();
+    // With mutex_ held: ends every connection and wakes every thread to leave.
+    void stopAll();
     // With mutex_ held. False when no thread could be started.
     bool startWorker();
     // Joins the threads that ended; with mutex_ not held.
