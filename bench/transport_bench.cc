@@ -134,12 +134,20 @@ ClientRun runClients(int clients, double seconds, uint64_t each) {
             close(results[0]);
             char go;
             if (read(start[0], &go, 1) < 0) _exit(1);
-            QuietStdout quiet;
+            // The library's lines of the command, kept to say why the first failure failed.
+            std::ostringstream log;
+            std::streambuf* const saved = std::cout.rdbuf(log.rdbuf());
             const double deadline = nowSeconds() + seconds;
             uint64_t counts[2] = {0, 0};
             while ((each == 0 || counts[0] + counts[1] < each) &&
-                   (seconds <= 0 || nowSeconds() < deadline))
-                ++counts[projectWholeCommand() ? 0 : 1];
+                   (seconds <= 0 || nowSeconds() < deadline)) {
+                log.str({});
+                const bool passed = projectWholeCommand();
+                if (!passed && counts[1] == 0)
+                    std::cerr << "transport_bench: a client's command failed:\n" << log.str();
+                ++counts[passed ? 0 : 1];
+            }
+            std::cout.rdbuf(saved);
             _exit(write(results[1], counts, sizeof counts) == sizeof counts ? 0 : 1);
         }
         children.push_back(child);

@@ -73,7 +73,9 @@ bool Server::listen(std::string& error) {
         return false;
     }
     unlink(socketPath_.c_str());
-    fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    // Non-blocking: a connection that goes between the leader's poll and its accept must not
+    // leave the leader blocked where it cannot see the stop.
+    fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd || bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(fd.get(), 64) != 0) {
         error = "cannot listen on " + socketPath_ + ": " + std::strerror(errno);
@@ -85,51 +87,51 @@ bool Server::listen(std::string& error) {
 }
 
 void Server::run(int stopFd) {
+    stopFd_ = stopFd;
+    Worker* self = nullptr;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (!startWorker()) {
-            std::cerr << "zel-vaultd: cannot start a thread to serve connections" << std::endl;
-            return;
-        }
+        workers_.emplace_back();
+        self = &workers_.back();
+        self->resident = true;
     }
-    pollfd stop{stopFd, POLLIN, 0};
-    while (poll(&stop, 1, -1) < 0 && errno == EINTR) {
-    }
+    work(*self);
     std::list<Worker> all;
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-        // Wakes every thread waiting in accept (it fails with EINVAL) and ends every connection.
-        shutdown(listener_.get(), SHUT_RDWR);
-        for (Worker& worker : workers_)
-            if (worker.socket >= 0) shutdown(worker.socket, SHUT_RDWR);
-        ended_.notify_all();
         // No thread starts once stopping_ is set: the list is complete.
+        std::lock_guard<std::mutex> lock(mutex_);
         all.splice(all.end(), workers_);
     }
-    for (Worker& worker : all) worker.thread.join();
+    for (Worker& worker : all)
+        if (worker.thread.joinable()) worker.thread.join();
 }
 
 void Server::work(Worker& self) {
     std::unique_lock<std::mutex> lock(mutex_);
-    while (!stopping_) {
-        ++accepting_;
-        lock.unlock();
-        UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        const int error = errno;
-        lock.lock();
-        --accepting_;
+    for (;;) {
+        ++idle_;
+        followers_.wait(lock, [this] { return stopping_ || !leading_; });
+        --idle_;
         if (stopping_) break;
-        if (!connection) {
-            waitAfter(error, lock);
+        leading_ = true;
+        lock.unlock();
+        UniqueFd connection = acceptNext();
+        reapFinished();
+        lock.lock();
+        leading_ = false;
+        if (!connection) stopAll();
+        if (stopping_) break;
+        // The lead passes on before the connection is served; a connection that would leave
+        // nobody to lead, or is past the limit, is closed (which tells its client).
+        if (live_ >= limit_) {
+            connection.reset();
             continue;
         }
-        atDescriptorLimit_ = false;
-        // Someone must be left waiting in accept; a connection that would leave nobody there,
-        // or is past the limit, is closed (which tells its client).
-        if (live_ >= limit_) continue;
-        if (accepting_ == 0 && !startWorker()) {
+        if (idle_ > 0) {
+            followers_.notify_one();
+        } else if (!startWorker()) {
             std::cerr << "zel-vaultd: no thread to serve a connection; it is closed" << std::endl;
+            connection.reset();
             continue;
         }
         ++live_;
@@ -141,34 +143,53 @@ void Server::work(Worker& self) {
             // Only this connection is lost; closing it (below) tells its client.
             std::cerr << "zel-vaultd: a connection failed: " << failure.what() << std::endl;
         }
-        reapFinished();
         lock.lock();
         // Closed with the lock held, so that a stop never shuts down a reused descriptor.
         connection.reset();
         self.socket = -1;
         --live_;
-        if (waitingForDescriptors_ > 0) ended_.notify_all();
-        if (accepting_ >= kIdleThreads) break;
+        if (waitingForDescriptors_) ended_.notify_one();
+        if (idle_ >= kIdleThreads && !self.resident) break;
     }
     self.finished = true;
 }
 
-void Server::waitAfter(int error, std::unique_lock<std::mutex>& lock) {
-    if (error == EINTR || error == ECONNABORTED) return;
-    if (error != EMFILE && error != ENFILE && error != ENOBUFS && error != ENOMEM) {
-        // Not expected of a listening socket; a pause keeps it from spinning.
-        ended_.wait_for(lock, std::chrono::milliseconds(10));
-        return;
+void Server::stopAll() {
+    stopping_ = true;
+    for (Worker& worker : workers_)
+        if (worker.socket >= 0) shutdown(worker.socket, SHUT_RDWR);
+    followers_.notify_all();
+    ended_.notify_all();
+}
+
+UniqueFd Server::acceptNext() {
+    pollfd fds[2] = {{listener_.get(), POLLIN, 0}, {stopFd_, POLLIN, 0}};
+    for (;;) {
+        // Only the stop ends the lead: a failing poll (no memory) is tried again in a moment.
+        if (poll(fds, 2, -1) < 0) {
+            if (errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            continue;
+        }
+        if (fds[1].revents) return {};
+        if (!(fds[0].revents & POLLIN)) continue;
+        UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (connection) {
+            atDescriptorLimit_ = false;
+            return connection;
+        }
+        if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) continue;
+        // The pending connection stays in the backlog; wait for a connection to end (or a
+        // moment) before trying again, instead of polling a listener that stays readable.
+        if (!atDescriptorLimit_)
+            std::cerr << "zel-vaultd: out of descriptors (" << std::strerror(errno)
+                      << "); new connections wait until others end" << std::endl;
+        atDescriptorLimit_ = true;
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (stopping_) return {};
+        waitingForDescriptors_ = true;
+        ended_.wait_for(lock, std::chrono::milliseconds(100));
+        waitingForDescriptors_ = false;
     }
-    // The pending connection stays in the backlog; wait for a connection to end (or a moment)
-    // before trying again, instead of retrying an accept that fails at once.
-    if (!atDescriptorLimit_)
-        std::cerr << "zel-vaultd: out of descriptors (" << std::strerror(error)
-                  << "); new connections wait until others end" << std::endl;
-    atDescriptorLimit_ = true;
-    ++waitingForDescriptors_;
-    ended_.wait_for(lock, std::chrono::milliseconds(100));
-    --waitingForDescriptors_;
 }
 
 bool Server::startWorker() {
@@ -189,7 +210,7 @@ void Server::reapFinished() {
         std::lock_guard<std::mutex> lock(mutex_);
         for (auto it = workers_.begin(); it != workers_.end();) {
             const auto next = std::next(it);
-            if (it->finished) finished.splice(finished.end(), workers_, it);
+            if (it->finished && !it->resident) finished.splice(finished.end(), workers_, it);
             it = next;
         }
     }

@@ -1,13 +1,13 @@
-// Listens on the daemon's socket and serves each client connection on a pooled thread. Idle
-// threads wait in accept() itself: the kernel wakes exactly one per connection, and that thread
-// serves it, start to end, so a command costs no thread start and no handoff between threads.
-// The thread that takes the last idle one's place starts another first. A connection keeps its
-// thread while it lasts: a client that stalls, or stops reading, holds up only itself.
+// Listens on the daemon's socket and serves each client connection on a pooled thread. Threads
+// take turns leading: the leader waits for the next connection, hands the lead to an idle thread
+// (starting one only when none is idle) and serves the connection itself, so a command costs no
+// thread start and no handoff before its first request is read. A connection is served on its
+// thread alone, start to end: a client that stalls, or stops reading, holds up only itself.
 //
-// A connection that ends is reaped at once (its descriptor closed, its blocks unmapped); past
-// kIdleThreads idle threads, a thread ends with its connection. A connection that would leave no
-// thread waiting (none can be started) or is past the limit is closed alone; at the descriptor
-// limit a thread waits for a connection to end (or a moment) instead of spinning.
+// A connection that ends is reaped at once (its descriptor closed, its tables unmapped); past
+// kIdleThreads idle threads, a thread ends with its connection. A connection that cannot be
+// given a leader to follow it (no thread) or is past the limit is closed alone; at the descriptor
+// limit the leader waits for a connection to end (or a moment) instead of spinning.
 #pragma once
 
 #include <condition_variable>
@@ -40,8 +40,8 @@ class Server {
     // Creates the socket in a directory only its owner can enter (made if missing). False with a
     // message when that cannot be done safely.
     bool listen(std::string& error);
-    // Accepts and serves until stopFd becomes readable (it is never read); then ends every
-    // connection and waits for every thread.
+    // Accepts and serves, on the calling thread too, until stopFd becomes readable (it is never
+    // read); then ends every connection and waits for every thread.
     void run(int stopFd);
 
   private:
@@ -49,11 +49,13 @@ class Server {
         std::thread thread;
         int socket = -1;  // the connection being served, for the shutdown
         bool finished = false;
+        bool resident = false;  // the thread that called run(): it stays until the stop
     };
     void work(Worker& self);
-    // After a failed accept, with mutex_ held through lock: pauses when retrying at once would
-    // spin (at the descriptor limit, until a connection ends).
-    void waitAfter(int error, std::unique_lock<std::mutex>& lock);
+    // The leader's wait: the next connection, or empty once stopFd is readable.
+    UniqueFd acceptNext();
+    // With mutex_ held: ends every connection and wakes every thread to leave.
+    void stopAll();
     // With mutex_ held. False when no thread could be started.
     bool startWorker();
     // Joins the threads that ended; with mutex_ not held.
@@ -65,14 +67,17 @@ class Server {
     const TaRegistry& registry_;
     FaultPlan& faults_;
     UniqueFd listener_;
+    int stopFd_ = -1;
     size_t limit_ = kMaxConnections;
+    bool atDescriptorLimit_ = false;  // logged once per episode; touched by the leader only
 
-    std::mutex mutex_;               // guards everything below
-    std::condition_variable ended_;  // a connection ended (threads wait at the fd limit)
+    std::mutex mutex_;                   // guards everything below
+    std::condition_variable followers_;  // idle threads, waiting to lead
+    std::condition_variable ended_;      // a connection ended (the leader waits at the fd limit)
+    bool leading_ = false;
     bool stopping_ = false;
-    bool atDescriptorLimit_ = false;  // logged once per episode
-    size_t waitingForDescriptors_ = 0;
-    size_t accepting_ = 0;  // threads in accept(), or on their way there
+    bool waitingForDescriptors_ = false;
+    size_t idle_ = 0;
     size_t live_ = 0;
     std::list<Worker> workers_;
 };

@@ -160,9 +160,7 @@ TEST_F(HostileClientTest, AtTheDescriptorLimitTheListenerWaitsWithoutSpinning) {
 class UnprivilegedDaemonTest : public testing::Test {
   protected:
     static constexpr uid_t kUid = 54011;
-    // The daemon's main thread (which watches for the stop), ThreadSanitizer's own when it runs,
-    // and at least one thread waiting in accept and one serving.
-    static constexpr int kMaxTasks = 4;
+    static constexpr int kMaxTasks = 3;
 
     void SetUp() override {
         if (geteuid() != 0)

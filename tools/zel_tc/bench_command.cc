@@ -245,7 +245,7 @@ void addBenchCommand(CLI::App& app, int& exitCode) {
     auto* command = app.add_subcommand(
         "bench", "Time steps or raw TA commands: p50/p90/p99/max latency and commands/s");
     command->add_option("steps", options->words,
-                        "Step names, numbers or patterns, as for run: zel_getSlotInfo, 'bist 7'");
+                        "Step names, numbers or patterns, as for run: zel_getSlotInfo, bist 7");
     command
         ->add_option("--command", options->commands,
                      "A TA command id to time as a whole command (context, session, block, "
