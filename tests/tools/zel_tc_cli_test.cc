@@ -396,6 +396,17 @@ TEST(ZelTcCliTest, BenchTimesStepsAndCommandsAndJudgesAgainstABaseline) {
     std::ofstream(baseline) << R"({"steps": [{"name": "command 0x2D", "p50_us": 1e12}]})";
     EXPECT_EQ(zelTc("bench --command 0x2D --count 3 --baseline " + baseline).exitCode, 0);
 
+    // For a time instead of a count: runs until the time is up, and says so in the report.
+    ASSERT_EQ(zelTc("bench bist 3 --seconds 0.3 --json " + report).exitCode, 0);
+    std::ifstream timedIn(report);
+    const nlohmann::json timed = nlohmann::json::parse(timedIn, nullptr, false);
+    ASSERT_TRUE(timed.is_object());
+    EXPECT_DOUBLE_EQ(timed["run"]["seconds"].get<double>(), 0.3);
+    ASSERT_EQ(timed["steps"].size(), 1u);
+    EXPECT_EQ(timed["steps"][0]["name"], "bist 3");
+    EXPECT_GE(timed["steps"][0]["runs"].get<int>(), 1);
+    EXPECT_GE(timed["steps"][0]["seconds"].get<double>(), 0.3);
+
     // A command the TA refuses is timed, and the run fails.
     const CliRun refused = zelTc("bench --command 0x99 --count 3");
     EXPECT_EQ(refused.exitCode, 1);
