@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <thread>
 
 #include <fcntl.h>
@@ -90,36 +91,40 @@ Connection::Received Connection::receive(wire::Request& request, UniqueFd& passe
 
 wire::Reply Connection::handle(const wire::Request& request, UniqueFd passed) {
     using Handler = wire::Reply (Connection::*)(const wire::Request&, UniqueFd);
-    static const std::map<uint32_t, Handler> kHandlers = {
-        {wire::kOpenSession, &Connection::openSession},
-        {wire::kCloseSession, &Connection::closeSession},
-        {wire::kRegisterMemory, &Connection::registerMemory},
-        {wire::kReleaseMemory, &Connection::releaseMemory},
-        {wire::kInvoke, &Connection::invoke},
+    // Indexed by the request's op; 0 is no op.
+    static constexpr Handler kHandlers[] = {
+        nullptr,
+        &Connection::openSession,
+        &Connection::closeSession,
+        &Connection::registerMemory,
+        &Connection::releaseMemory,
+        &Connection::invoke,
     };
-    const auto it = kHandlers.find(request.op);
-    if (it == kHandlers.end()) return answer(TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_COMMS);
-    return (this->*it->second)(request, std::move(passed));
+    static_assert(wire::kOpenSession == 1 && wire::kCloseSession == 2 &&
+                  wire::kRegisterMemory == 3 && wire::kReleaseMemory == 4 && wire::kInvoke == 5);
+    const Handler handler = request.op < std::size(kHandlers) ? kHandlers[request.op] : nullptr;
+    if (!handler) return answer(TEEC_ERROR_NOT_SUPPORTED, TEEC_ORIGIN_COMMS);
+    return (this->*handler)(request, std::move(passed));
 }
 
 wire::Reply Connection::openSession(const wire::Request& request, UniqueFd) {
     if (request.login != TEEC_LOGIN_PUBLIC) return refused();
     TaOperation operation;
     if (buildOperation(request, operation) != TEEC_SUCCESS) return refused();
-    if (sessions_.size() >= kMaxSessions) return answer(TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE);
+    if (sessions_.full()) return answer(TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE);
     if (const auto injected = faults_.take(FaultPlan::Kind::kOpenSession, request.uuid))
         return answer(injected->result, injected->origin);
     TrustedApp* app = registry_.find(request.uuid);
     if (!app) return answer(TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE);
     const uint32_t id = nextId_++;
-    sessions_[id] = Session{app, request.uuid};
+    sessions_.add(id, Session{app, request.uuid});
     wire::Reply reply = answer(TEEC_SUCCESS, TEEC_ORIGIN_TRUSTED_APP);
     reply.id = id;
     return reply;
 }
 
 wire::Reply Connection::closeSession(const wire::Request& request, UniqueFd) {
-    if (sessions_.erase(request.session_id) == 0) return refused();
+    if (!sessions_.erase(request.session_id)) return refused();
     return answer(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
 }
 
@@ -128,7 +133,7 @@ wire::Reply Connection::registerMemory(const wire::Request& request, UniqueFd pa
     if (!passed || request.flags == 0 || (request.flags & ~validFlags) != 0) return refused();
     if (request.size > TEEC_CONFIG_SHAREDMEM_MAX_SIZE)
         return answer(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
-    if (blocks_.size() >= kMaxBlocks) return answer(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
+    if (blocks_.full()) return answer(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
     if (const auto injected = faults_.take(FaultPlan::Kind::kAllocation))
         return answer(injected->result, injected->origin);
 
@@ -143,24 +148,24 @@ wire::Reply Connection::registerMemory(const wire::Request& request, UniqueFd pa
     void* data = mmap(nullptr, mapped, PROT_READ | PROT_WRITE, MAP_SHARED, passed.get(), 0);
     if (data == MAP_FAILED) return answer(TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE);
     const uint32_t id = nextId_++;
-    blocks_[id] = SharedBlock(static_cast<uint8_t*>(data), request.size, mapped, request.flags);
+    blocks_.add(id, SharedBlock(static_cast<uint8_t*>(data), request.size, mapped, request.flags));
     wire::Reply reply = answer(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
     reply.id = id;
     return reply;
 }
 
 wire::Reply Connection::releaseMemory(const wire::Request& request, UniqueFd) {
-    if (blocks_.erase(request.memory_id) == 0) return refused();
+    if (!blocks_.erase(request.memory_id)) return refused();
     return answer(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
 }
 
 wire::Reply Connection::invoke(const wire::Request& request, UniqueFd) {
-    const auto session = sessions_.find(request.session_id);
-    if (session == sessions_.end()) return refused();
+    const Session* session = sessions_.find(request.session_id);
+    if (!session) return refused();
     TaOperation operation;
     if (buildOperation(request, operation) != TEEC_SUCCESS) return refused();
-    const wire::UuidBytes& uuid = session->second.uuid;
-    TrustedApp& app = *session->second.app;
+    const wire::UuidBytes& uuid = session->uuid;
+    TrustedApp& app = *session->app;
 
     std::lock_guard<std::mutex> oneAtATime(app.lock);
     if (const auto stall = faults_.take(FaultPlan::Kind::kStall, uuid, request.command))
@@ -199,9 +204,9 @@ TEEC_Result Connection::buildOperation(const wire::Request& request, TaOperation
             out.b = in.b;
             continue;
         }
-        const auto block = blocks_.find(in.memory_id);
-        if (block == blocks_.end()) return TEEC_ERROR_BAD_PARAMETERS;
-        const SharedBlock& memory = block->second;
+        const SharedBlock* block = blocks_.find(in.memory_id);
+        if (!block) return TEEC_ERROR_BAD_PARAMETERS;
+        const SharedBlock& memory = *block;
         const uint32_t needed = wire::flagsNeeded(type);
         if ((memory.flags() & needed) != needed) return TEEC_ERROR_BAD_PARAMETERS;
         if (static_cast<uint64_t>(in.offset) + in.size > memory.size())

@@ -4,9 +4,9 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 
 #include "fault_plan.h"
+#include "id_table.h"
 #include "shared_block.h"
 #include "teec_wire.h"
 #include "trusted_app.h"
@@ -25,8 +25,8 @@ class Connection {
 
   private:
     struct Session {
-        TrustedApp* app;
-        wire::UuidBytes uuid;
+        TrustedApp* app = nullptr;
+        wire::UuidBytes uuid{};
     };
 
     enum class Received { kRequest, kMalformed, kClosed };
@@ -46,8 +46,8 @@ class Connection {
     int socket_;
     const TaRegistry& registry_;
     FaultPlan& faults_;
-    std::map<uint32_t, Session> sessions_;
-    std::map<uint32_t, SharedBlock> blocks_;
+    IdTable<Session, kMaxSessions> sessions_;
+    IdTable<SharedBlock, kMaxBlocks> blocks_;
     uint32_t nextId_ = 1;
 };
 

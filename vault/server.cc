@@ -1,13 +1,12 @@
 #include "server.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <iostream>
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -49,10 +48,6 @@ Server::Server(std::string socketPath, const TaRegistry& registry, FaultPlan& fa
     : socketPath_(std::move(socketPath)), registry_(registry), faults_(faults) {}
 
 Server::~Server() {
-    for (Client& client : clients_) {
-        shutdown(client.socket.get(), SHUT_RDWR);
-        client.thread.join();
-    }
     if (listener_) unlink(socketPath_.c_str());
 }
 
@@ -78,76 +73,148 @@ bool Server::listen(std::string& error) {
         return false;
     }
     unlink(socketPath_.c_str());
-    fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+    // Non-blocking: a connection that goes between the leader's poll and its accept must not
+    // leave the leader blocked where it cannot see the stop.
+    fd.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!fd || bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(fd.get(), 64) != 0) {
         error = "cannot listen on " + socketPath_ + ": " + std::strerror(errno);
         return false;
     }
     listener_ = std::move(fd);
-    finished_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     limit_ = connectionLimit();
     return true;
 }
 
 void Server::run(int stopFd) {
-    pollfd fds[3] = {{listener_.get(), POLLIN, 0}, {stopFd, POLLIN, 0}, {finished_.get(), POLLIN, 0}};
-    for (;;) {
-        if (poll(fds, finished_ ? 3 : 2, -1) < 0) {
-            if (errno == EINTR) continue;
-            break;
-        }
-        if (fds[1].revents) break;
-        if (fds[2].revents) {
-            uint64_t count;
-            while (read(finished_.get(), &count, sizeof count) > 0) {
-            }
-            reapFinished();
-        }
-        if (fds[0].revents & POLLIN) serveNext();
+    stopFd_ = stopFd;
+    Worker* self = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        workers_.emplace_back();
+        self = &workers_.back();
+        self->resident = true;
     }
+    work(*self);
+    std::list<Worker> all;
+    {
+        // No thread starts once stopping_ is set: the list is complete.
+        std::lock_guard<std::mutex> lock(mutex_);
+        all.splice(all.end(), workers_);
+    }
+    for (Worker& worker : all)
+        if (worker.thread.joinable()) worker.thread.join();
 }
 
-void Server::serveNext() {
-    UniqueFd socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (!socket) {
-        if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) return;
+void Server::work(Worker& self) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        ++idle_;
+        followers_.wait(lock, [this] { return stopping_ || !leading_; });
+        --idle_;
+        if (stopping_) break;
+        leading_ = true;
+        lock.unlock();
+        UniqueFd connection = acceptNext();
+        reapFinished();
+        lock.lock();
+        leading_ = false;
+        if (!connection) stopAll();
+        if (stopping_) break;
+        // The lead passes on before the connection is served; a connection that would leave
+        // nobody to lead, or is past the limit, is closed (which tells its client).
+        if (live_ >= limit_) {
+            connection.reset();
+            continue;
+        }
+        if (idle_ > 0) {
+            followers_.notify_one();
+        } else if (!startWorker()) {
+            std::cerr << "zel-vaultd: no thread to serve a connection; it is closed" << std::endl;
+            connection.reset();
+            continue;
+        }
+        ++live_;
+        self.socket = connection.get();
+        lock.unlock();
+        try {
+            Connection(self.socket, registry_, faults_).serve();
+        } catch (const std::exception& failure) {
+            // Only this connection is lost; closing it (below) tells its client.
+            std::cerr << "zel-vaultd: a connection failed: " << failure.what() << std::endl;
+        }
+        lock.lock();
+        // Closed with the lock held, so that a stop never shuts down a reused descriptor.
+        connection.reset();
+        self.socket = -1;
+        --live_;
+        if (waitingForDescriptors_) ended_.notify_one();
+        if (idle_ >= kIdleThreads && !self.resident) break;
+    }
+    self.finished = true;
+}
+
+void Server::stopAll() {
+    stopping_ = true;
+    for (Worker& worker : workers_)
+        if (worker.socket >= 0) shutdown(worker.socket, SHUT_RDWR);
+    followers_.notify_all();
+    ended_.notify_all();
+}
+
+UniqueFd Server::acceptNext() {
+    pollfd fds[2] = {{listener_.get(), POLLIN, 0}, {stopFd_, POLLIN, 0}};
+    for (;;) {
+        // Only the stop ends the lead: a failing poll (no memory) is tried again in a moment.
+        if (poll(fds, 2, -1) < 0) {
+            if (errno != EINTR) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            continue;
+        }
+        if (fds[1].revents) return {};
+        if (!(fds[0].revents & POLLIN)) continue;
+        UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (connection) {
+            atDescriptorLimit_ = false;
+            return connection;
+        }
+        if (errno != EMFILE && errno != ENFILE && errno != ENOBUFS && errno != ENOMEM) continue;
         // The pending connection stays in the backlog; wait for a connection to end (or a
         // moment) before trying again, instead of polling a listener that stays readable.
         if (!atDescriptorLimit_)
             std::cerr << "zel-vaultd: out of descriptors (" << std::strerror(errno)
                       << "); new connections wait until others end" << std::endl;
         atDescriptorLimit_ = true;
-        pollfd wait{finished_.get(), POLLIN, 0};
-        poll(&wait, finished_ ? 1 : 0, 100);
-        return;
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (stopping_) return {};
+        waitingForDescriptors_ = true;
+        ended_.wait_for(lock, std::chrono::milliseconds(100));
+        waitingForDescriptors_ = false;
     }
-    atDescriptorLimit_ = false;
-    reapFinished();
-    if (clients_.size() >= limit_) return;  // closing it tells the client
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    const int raw = socket.get();
-    const int finished = finished_.get();
+}
+
+bool Server::startWorker() {
     try {
-        clients_.push_back({std::move(socket), std::thread(), done});
-        clients_.back().thread = std::thread([this, raw, done, finished] {
-            try {
-                Connection(raw, registry_, faults_).serve();
-            } catch (const std::exception& failure) {
-                // Only this connection is lost; closing it (below) tells its client.
-                std::cerr << "zel-vaultd: a connection failed: " << failure.what() << std::endl;
-                shutdown(raw, SHUT_RDWR);
-            }
-            done->store(true);
-            const uint64_t one = 1;
-            if (finished >= 0 && write(finished, &one, sizeof one) < 0) {
-            }
-        });
-    } catch (const std::exception& failure) {
-        std::cerr << "zel-vaultd: cannot serve a connection: " << failure.what() << std::endl;
-        if (!clients_.empty() && !clients_.back().thread.joinable() && clients_.back().socket.get() == raw)
-            clients_.pop_back();
+        workers_.emplace_back();
+        Worker& worker = workers_.back();
+        worker.thread = std::thread([this, &worker] { work(worker); });
+        return true;
+    } catch (const std::exception&) {
+        if (!workers_.empty() && !workers_.back().thread.joinable()) workers_.pop_back();
+        return false;
     }
+}
+
+void Server::reapFinished() {
+    std::list<Worker> finished;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = workers_.begin(); it != workers_.end();) {
+            const auto next = std::next(it);
+            if (it->finished && !it->resident) finished.splice(finished.end(), workers_, it);
+            it = next;
+        }
+    }
+    for (Worker& worker : finished) worker.thread.join();
 }
 
 size_t Server::connectionLimit() {
@@ -156,17 +223,6 @@ size_t Server::connectionLimit() {
         return kMaxConnections;
     if (descriptors.rlim_cur <= 2 * kReservedDescriptors) return 1 + descriptors.rlim_cur / 4;
     return std::min<size_t>(kMaxConnections, descriptors.rlim_cur - kReservedDescriptors);
-}
-
-void Server::reapFinished() {
-    for (auto it = clients_.begin(); it != clients_.end();) {
-        if (it->done->load()) {
-            it->thread.join();
-            it = clients_.erase(it);
-        } else {
-            ++it;
-        }
-    }
 }
 
 }  // namespace zel::vault

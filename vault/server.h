@@ -1,12 +1,19 @@
-// Listens on the daemon's socket and serves each client connection on a thread of its own. A
-// connection that ends is reaped at once (its thread joined, its descriptor closed); one that
-// cannot be served (no thread, no memory) is closed alone; at the descriptor limit the listener
-// backs off instead of spinning.
+// Listens on the daemon's socket and serves each client connection on a pooled thread. Threads
+// take turns leading: the leader waits for the next connection, hands the lead to an idle thread
+// (starting one only when none is idle) and serves the connection itself, so a command costs no
+// thread start and no handoff before its first request is read. A connection is served on its
+// thread alone, start to end: a client that stalls, or stops reading, holds up only itself.
+//
+// A connection that ends is reaped at once (its descriptor closed, its tables unmapped); past
+// kIdleThreads idle threads, a thread ends with its connection. A connection that cannot be
+// given a leader to follow it (no thread) or is past the limit is closed alone; at the descriptor
+// limit the leader waits for a connection to end (or a moment) instead of spinning.
 #pragma once
 
-#include <atomic>
+#include <condition_variable>
+#include <cstddef>
 #include <list>
-#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -22,6 +29,8 @@ class Server {
     // Descriptors kept back from the connection limit for the store, the listener and the
     // blocks being registered.
     static constexpr size_t kReservedDescriptors = 32;
+    // Idle threads kept for the connections to come.
+    static constexpr size_t kIdleThreads = 8;
 
     Server(std::string socketPath, const TaRegistry& registry, FaultPlan& faults);
     ~Server();
@@ -31,18 +40,26 @@ class Server {
     // Creates the socket in a directory only its owner can enter (made if missing). False with a
     // message when that cannot be done safely.
     bool listen(std::string& error);
-    // Accepts and serves until stopFd becomes readable; then ends every connection, waits for
-    // their threads and removes the socket.
+    // Accepts and serves, on the calling thread too, until stopFd becomes readable (it is never
+    // read); then ends every connection and waits for every thread.
     void run(int stopFd);
 
   private:
-    struct Client {
-        UniqueFd socket;
+    struct Worker {
         std::thread thread;
-        std::shared_ptr<std::atomic<bool>> done;
+        int socket = -1;  // the connection being served, for the shutdown
+        bool finished = false;
+        bool resident = false;  // the thread that called run(): it stays until the stop
     };
+    void work(Worker& self);
+    // The leader's wait: the next connection, or empty once stopFd is readable.
+    UniqueFd acceptNext();
+    // With mutex_ held: ends every connection and wakes every thread to leave.
+    void stopAll();
+    // With mutex_ held. False when no thread could be started.
+    bool startWorker();
+    // Joins the threads that ended; with mutex_ not held.
     void reapFinished();
-    void serveNext();
     // kMaxConnections, or fewer when the descriptor limit would not allow that many.
     static size_t connectionLimit();
 
@@ -50,10 +67,19 @@ class Server {
     const TaRegistry& registry_;
     FaultPlan& faults_;
     UniqueFd listener_;
-    UniqueFd finished_;  // an eventfd each connection signals as it ends
+    int stopFd_ = -1;
     size_t limit_ = kMaxConnections;
-    bool atDescriptorLimit_ = false;  // logged once per episode
-    std::list<Client> clients_;
+    bool atDescriptorLimit_ = false;  // logged once per episode; touched by the leader only
+
+    std::mutex mutex_;                   // guards everything below
+    std::condition_variable followers_;  // idle threads, waiting to lead
+    std::condition_variable ended_;      // a connection ended (the leader waits at the fd limit)
+    bool leading_ = false;
+    bool stopping_ = false;
+    bool waitingForDescriptors_ = false;
+    size_t idle_ = 0;
+    size_t live_ = 0;
+    std::list<Worker> workers_;
 };
 
 }  // namespace zel::vault

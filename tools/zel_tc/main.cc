@@ -10,6 +10,7 @@
 #include <iostream>
 #include <memory>
 
+#include "bench_command.h"
 #include "catalogue.h"
 #include "fuzz_commands.h"
 #include "helper_commands.h"
@@ -189,6 +190,7 @@ int main(int argc, char** argv) {
     zel::tc::addTeeCommands(app, exitCode);
     zel::tc::addFuzzCommands(app, exitCode);
     zel::tc::addHelperCommands(app, exitCode);
+    zel::tc::addBenchCommand(app, exitCode);
 
     try {
         app.parse(argc, argv);
