@@ -109,6 +109,12 @@ void Server::run(int stopFd) {
 void Server::work(Worker& self) {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
+        // Past the idle reserve a thread ends, whether it has served (the end of a burst) or was
+        // started for a lead that another thread took meanwhile; the lead it might owe goes on.
+        if (idle_ >= kIdleThreads && !self.resident) {
+            if (!leading_) followers_.notify_one();
+            break;
+        }
         ++idle_;
         followers_.wait(lock, [this] { return stopping_ || !leading_; });
         --idle_;
@@ -149,7 +155,6 @@ void Server::work(Worker& self) {
         self.socket = -1;
         --live_;
         if (waitingForDescriptors_) ended_.notify_one();
-        if (idle_ >= kIdleThreads && !self.resident) break;
     }
     self.finished = true;
 }
