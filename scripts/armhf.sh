@@ -17,7 +17,7 @@ build_dir=build-armhf
 native=(crossbuild-essential-armhf qemu-user cmake make pkg-config libcli11-dev nlohmann-json3-dev googletest)
 # Multi-Arch: same libraries, installed for armhf beside the native ones; libstdc++6 because
 # the cross compiler's own copy lies outside the folders that armhf's loader searches under qemu.
-shared=(libssl-dev libsqlite3-dev libgtest-dev libgmock-dev libstdc++6)
+shared=(libssl-dev libsqlite3-dev libgtest-dev libgmock-dev libstdc++6 libpugixml-dev)
 
 say() { echo "armhf: $*" >&2; }
 

@@ -2,11 +2,14 @@
 
 #include <fnmatch.h>
 
+#include <algorithm>
+
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 #include "managers/ca_manager.h"
+#include "number_arg.h"
 #include "zel_tc_lib.h"
 
 namespace zel::tc {
@@ -194,13 +197,6 @@ constexpr PlanRow kPlan[] = {
     {"zel_checkZelAk", 0, 0, kNotFound, "the AK keys were removed"},
 };
 
-bool parseNumber(const std::string& word, long& value) {
-    if (word.empty()) return false;
-    char* end = nullptr;
-    value = std::strtol(word.c_str(), &end, 0);
-    return *end == '\0';
-}
-
 Step makeStep(const CatalogueEntry& entry, int argument, const Overrides& overrides) {
     std::string name = entry.name;
     if (entry.takesArgument()) name += " " + std::to_string(argument);
@@ -216,13 +212,11 @@ void addAll(const CatalogueEntry& entry, const Overrides& overrides, std::vector
 }
 
 const CatalogueEntry* find(const std::string& word) {
-    long number = -1;
+    long long number = -1;
     const bool numeric = parseNumber(word, number);
     for (const CatalogueEntry& entry : catalogue()) {
         const std::string name = entry.name;
-        // Compared in 64 bits: a 32-bit long would turn into an unsigned one and -1 into 2^32-1.
-        if (word == name || "zel_" + word == name ||
-            (numeric && static_cast<long long>(number) == entry.number))
+        if (word == name || "zel_" + word == name || (numeric && number == entry.number))
             return &entry;
     }
     return nullptr;
@@ -364,7 +358,7 @@ bool selectSteps(const std::vector<std::string>& words, const Overrides& overrid
             error = "no step is named '" + words[i] + "' (zel-tc list shows them)";
             return false;
         }
-        long argument = 0;
+        long long argument = 0;
         if (!found->takesArgument()) {
             steps.push_back(makeStep(*found, found->firstArgument, overrides));
         } else if (i + 1 < words.size() && parseNumber(words[i + 1], argument)) {
@@ -378,6 +372,52 @@ bool selectSteps(const std::vector<std::string>& words, const Overrides& overrid
             steps.push_back(makeStep(*found, static_cast<int>(argument), overrides));
         } else {
             addAll(*found, overrides, steps);
+        }
+    }
+    return true;
+}
+
+bool readsTestData(const CatalogueEntry& entry) {
+    return std::strcmp(entry.dataTypes, "-") != 0;
+}
+
+bool readsParam(const CatalogueEntry& entry) {
+    return entry.number == cmd::zel_updateFW || entry.number == cmd::ze_updateFW;
+}
+
+bool acceptsDataType(const CatalogueEntry& entry, int dataType) {
+    if (!readsTestData(entry) || dataType < kFirstDataType || dataType > kLastDataType)
+        return false;
+    return std::strcmp(entry.dataTypes, "any") == 0 ||
+           std::strchr(entry.dataTypes, '0' + dataType) != nullptr;
+}
+
+bool checkOverrides(const std::vector<Step>& steps, const Overrides& overrides,
+                    std::string& error) {
+    const auto reader = std::find_if(steps.begin(), steps.end(),
+                                     [](const Step& step) { return readsTestData(*step.entry); });
+    if ((overrides.dataType || overrides.index || overrides.uuid) && reader == steps.end()) {
+        error = std::string(overrides.dataType ? "--data-type"
+                            : overrides.index  ? "--index"
+                                               : "--uuid") +
+                ": none of the selected steps takes test data, a slot or a TA (zel-tc list "
+                "shows which do)";
+        return false;
+    }
+    if (overrides.index && (*overrides.index < 0 || *overrides.index > kLastIndex)) {
+        error = "--index " + std::to_string(*overrides.index) + ": slots and keys are 0 to " +
+                std::to_string(kLastIndex);
+        return false;
+    }
+    if (!overrides.dataType) return true;
+    for (const Step& step : steps) {
+        if (readsTestData(*step.entry) && !acceptsDataType(*step.entry, *overrides.dataType)) {
+            error = "--data-type " + std::to_string(*overrides.dataType) + ": " + step.name +
+                    " takes " +
+                    (std::strcmp(step.entry->dataTypes, "any") == 0
+                         ? std::to_string(kFirstDataType) + " to " + std::to_string(kLastDataType)
+                         : std::string(step.entry->dataTypes));
+            return false;
         }
     }
     return true;

@@ -52,7 +52,23 @@ struct Overrides {
     std::optional<TEEC_UUID> uuid;
 };
 
+// The test data sets a scenario may be given (0 random, 1 and 2 fixed vectors) and the vault's
+// slots and keys.
+inline constexpr int kFirstDataType = 0;
+inline constexpr int kLastDataType = 2;
+inline constexpr int kLastIndex = 31;
+
 const std::vector<CatalogueEntry>& catalogue();
+
+// What a step reads of the overrides: the general scenarios test data, slot and TA; the firmware
+// updates the param.
+bool readsTestData(const CatalogueEntry& entry);
+bool readsParam(const CatalogueEntry& entry);
+// Whether a scenario takes this --data-type (its dataTypes column).
+bool acceptsDataType(const CatalogueEntry& entry, int dataType);
+// Whether the values given on the command line fit the selected steps: each is read by one of
+// them at least, and every step that reads --data-type accepts it. False with a message.
+bool checkOverrides(const std::vector<Step>& steps, const Overrides& overrides, std::string& error);
 
 // The steps named by words such as "process", "503", "bist 7", "bist" (every BIST number),
 // "zel_put", "put", "0" or a pattern such as "zel_get*". False with a message for a word that

@@ -4,17 +4,22 @@
 // so that a log parser reading stdout sees exactly what the library printed.
 #include <CLI/CLI.hpp>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <ctime>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "catalogue.h"
 #include "helper_commands.h"
+#include "interruption.h"
+#include "number_arg.h"
+#include "report_file.h"
 #include "reports.h"
-#include "run_identity.h"
 #include "results_stream.h"
+#include "run_identity.h"
 #include "step_runner.h"
 #include "tee_names.h"
 #include "tee_target.h"
@@ -48,29 +53,89 @@ struct RunOptions {
     bool all = false;
     zel::tc::TeeTargetOptions target;
     std::string uuidText, junit, json, results;
+    // Numbers as typed, read by parseNumber: decimal or 0x-hex, never octal.
+    std::optional<std::string> dataType, index, param, repeat = "1", timeout = "120";
     bool firmwareVersions = false;
     zel::tc::Overrides overrides;
-    unsigned repeat = 1;
+    unsigned repeatCount = 1;
     bool stopOnFailure = false;
     unsigned timeoutSeconds = 120;
 };
 
-// A report file that cannot be written is bad input, found before anything runs.
-bool writable(const std::string& path) {
-    return path.empty() || std::ofstream(path, std::ios::app).good();
+// One numeric option: where its text is, its range, and where the value goes.
+struct NumberOption {
+    const char* flag;
+    std::optional<std::string> RunOptions::*text;
+    long long low, high;
+    void (*store)(RunOptions& options, long long value);
+};
+
+const NumberOption kNumberOptions[] = {
+    {"--data-type", &RunOptions::dataType, INT32_MIN, INT32_MAX,
+     [](RunOptions& o, long long v) { o.overrides.dataType = static_cast<int>(v); }},
+    {"--index", &RunOptions::index, INT32_MIN, INT32_MAX,
+     [](RunOptions& o, long long v) { o.overrides.index = static_cast<int>(v); }},
+    {"--param", &RunOptions::param, INT32_MIN, INT32_MAX,
+     [](RunOptions& o, long long v) { o.overrides.param = static_cast<int>(v); }},
+    {"--repeat", &RunOptions::repeat, 1, 1000000,
+     [](RunOptions& o, long long v) { o.repeatCount = static_cast<unsigned>(v); }},
+    {"--timeout", &RunOptions::timeout, 0, 86400,
+     [](RunOptions& o, long long v) { o.timeoutSeconds = static_cast<unsigned>(v); }},
+};
+
+// Everything that can be known wrong before a step runs: options, step names, the values' fit
+// with the steps, where the reports go. False with a message.
+bool validate(RunOptions& options, std::vector<zel::tc::Step>& steps, std::string& error) {
+    if (options.all == !options.words.empty()) {
+        error = options.all ? "give step names or --all, not both"
+                            : "name the steps to run, or --all for the whole plan";
+        return false;
+    }
+    for (const NumberOption& option : kNumberOptions) {
+        const std::optional<std::string>& text = options.*option.text;
+        if (!text) continue;
+        long long value = 0;
+        if (!zel::tc::parseNumber(*text, option.low, option.high, value)) {
+            error = std::string("cannot read ") + option.flag + " " + *text + " (a number from " +
+                    std::to_string(option.low) + " to " + std::to_string(option.high) +
+                    ", decimal or 0x-hex)";
+            return false;
+        }
+        option.store(options, value);
+    }
+    if (!options.uuidText.empty()) {
+        TEEC_UUID uuid{};
+        if (!zel::tc::parseUuid(options.uuidText, uuid)) {
+            error = "cannot read --uuid " + options.uuidText;
+            return false;
+        }
+        options.overrides.uuid = uuid;
+    }
+    for (const std::string* path : {&options.junit, &options.json, &options.results})
+        if (!path->empty() && !zel::tc::canWriteReport(*path, error)) return false;
+    if (options.all)
+        steps = zel::tc::planSteps(options.overrides);
+    else if (!zel::tc::selectSteps(options.words, options.overrides, steps, error))
+        return false;
+    return zel::tc::checkOverrides(steps, options.overrides, error);
+}
+
+int interruptedExit() {
+    return 128 + zel::tc::interruption::caught();
 }
 
 int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
-             const zel::tc::RunInfo& info) {
+             zel::tc::RunInfo& info) {
     std::vector<zel::tc::StepRecord> records;
     bool stop = false;
-    nlohmann::json run = zel::tc::runMetadata();
-    run["tee"] = info.tee;
-    for (const auto& [name, value] : info.identity) run["identity"][name] = value;
-    zel::tc::ResultsStream stream(options.results, run);
-    for (unsigned round = 1; round <= options.repeat && !stop; ++round) {
+    zel::tc::ResultsStream stream(options.results, zel::tc::runJson(info));
+    for (unsigned round = 1; round <= options.repeatCount && !stop; ++round) {
         for (const zel::tc::Step& step : steps) {
-            zel::tc::StepRecord record{step, static_cast<int>(round), {}};
+            if (zel::tc::interruption::caught()) {
+                stop = true;
+                break;
+            }
+            zel::tc::StepRecord record{step, static_cast<int>(round), {}, std::time(nullptr)};
             record.outcome = zel::tc::runIsolated([&step] { return step.entry->run(step.input); },
                                                   options.timeoutSeconds);
             std::string verdict = std::string(record.verdict()) + " " +
@@ -83,12 +148,17 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
             stream.add(record, options.timeoutSeconds);
             records.push_back(std::move(record));
             if (options.stopOnFailure && !records.back().passed()) {
-                say("stopping at the first failure (--stop-on-failure)");
+                if (!zel::tc::interruption::caught())
+                    say("stopping at the first failure (--stop-on-failure)");
                 stop = true;
                 break;
             }
         }
     }
+    info.interruptedBy = zel::tc::interruption::caught();
+    if (info.interruptedBy)
+        say("interrupted by " + zel::tc::interruption::signalName(info.interruptedBy) +
+            "; reporting the " + std::to_string(records.size()) + " steps run so far");
     zel::tc::writeSummary(std::cerr, records, options.timeoutSeconds);
     bool reported = stream.ok();
     if (!reported) say("cannot write " + options.results);
@@ -102,45 +172,28 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
         say("cannot write " + options.json);
         reported = false;
     }
+    if (info.interruptedBy) return interruptedExit();
     for (const zel::tc::StepRecord& record : records)
         if (!record.passed()) return kExitFailed;
     return reported ? 0 : kExitFailed;
 }
 
 int run(RunOptions& options) {
-    if (options.all == !options.words.empty()) {
-        say(options.all ? "give step names or --all, not both"
-                        : "name the steps to run, or --all for the whole plan");
-        return kExitUsage;
-    }
-    if (!options.uuidText.empty()) {
-        TEEC_UUID uuid{};
-        if (!zel::tc::parseUuid(options.uuidText, uuid)) {
-            say("cannot read --uuid " + options.uuidText);
-            return kExitUsage;
-        }
-        options.overrides.uuid = uuid;
-    }
-    for (const std::string& path : {options.junit, options.json, options.results}) {
-        if (!writable(path)) {
-            say("cannot write " + path);
-            return kExitUsage;
-        }
-    }
     std::vector<zel::tc::Step> steps;
     std::string error;
-    if (options.all)
-        steps = zel::tc::planSteps(options.overrides);
-    else if (!zel::tc::selectSteps(options.words, options.overrides, steps, error)) {
+    if (!validate(options, steps, error)) {
         say(error);
         return kExitUsage;
     }
+    // From here on a signal ends the run in order: the step stopped, the reports written, the
+    // private daemon stopped and its folder removed (by the target's destructor).
+    zel::tc::interruption::install();
     zel::tc::TeeTarget target;
     if (!target.open(options.target, error)) {
         say(error);
-        return kExitUsage;
+        return zel::tc::interruption::caught() ? interruptedExit() : kExitUsage;
     }
-    zel::tc::RunInfo info{zel::tc::platformName(), target.where(), {}};
+    zel::tc::RunInfo info = zel::tc::startRun(target.where());
     info.identity = zel::tc::readRunIdentity(
         {options.timeoutSeconds, options.firmwareVersions, options.overrides.param.value_or(0)});
     say("identity " + zel::tc::identityLine(info.identity));
@@ -162,17 +215,15 @@ int main(int argc, char** argv) {
                     "Step names, numbers or patterns: \"bist 7\", 503, zel_put, put, 'zel_get*'");
     run->add_flag("--all", options.all, "The whole plan, in dependency order");
     zel::tc::addTeeTargetOptions(*run, options.target);
-    run->add_option("--data-type", options.overrides.dataType,
+    run->add_option("--data-type", options.dataType,
                     "Test data of the scenarios: 0 random, 1 or 2 a fixed vector set");
-    run->add_option("--index", options.overrides.index, "Slot or key index of the scenarios");
-    run->add_option("--param", options.overrides.param,
-                    "Parameter of the firmware update (default 0)");
+    run->add_option("--index", options.index, "Slot or key index of the scenarios (0-31)");
+    run->add_option("--param", options.param, "Parameter of the firmware update (default 0)");
     run->add_option("--uuid", options.uuidText,
                     "TA of the general scenarios: zel_test, zel_test_a or a UUID");
-    run->add_option("--repeat", options.repeat, "Run the selection this many times")
-        ->check(CLI::Range(1u, 1000000u));
+    run->add_option("--repeat", options.repeat, "Run the selection this many times");
     run->add_flag("--stop-on-failure", options.stopOnFailure, "Stop at the first failed step");
-    run->add_option("--timeout", options.timeoutSeconds,
+    run->add_option("--timeout", options.timeout,
                     "Seconds a step may take before it is killed as hung; 0: no limit")
         ->capture_default_str();
     run->add_flag("--fw-versions", options.firmwareVersions,

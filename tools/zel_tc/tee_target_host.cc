@@ -1,6 +1,8 @@
 // The host build's side of the seam: the host TEE daemon.
 #include <cstdlib>
 
+#include <tee_client_api.h>
+
 #include "daemon_launcher.h"
 #include "fuzz_commands.h"
 #include "tee_target.h"
@@ -8,7 +10,9 @@
 
 namespace zel::tc {
 
-const char* platformName() { return "host"; }
+const char* platformName() {
+    return "host";
+}
 
 void addTeeTargetOptions(CLI::App& command, TeeTargetOptions& options) {
     command.add_option("--socket", options.socket,
@@ -27,9 +31,20 @@ TeeTarget::~TeeTarget() = default;
 bool TeeTarget::open(const TeeTargetOptions& options, std::string& error) {
     where_ = options.socket;
     if (where_.empty()) {
-        held_->daemon = vault::VaultDaemon::start({options.vaultd, {}, false, {}}, error);
+        vault::VaultDaemon::Options launch;
+        launch.executable = options.vaultd;
+        // Nothing zel-tc starts outlives it, however it ends.
+        launch.dieWithParent = true;
+        held_->daemon = vault::VaultDaemon::start(launch, error);
         if (!held_->daemon) return false;
         where_ = held_->daemon->socketPath();
+    } else {
+        TEEC_Context context{};
+        if (TEEC_InitializeContext(where_.c_str(), &context) != TEEC_SUCCESS) {
+            error = "no TEE answers at " + where_;
+            return false;
+        }
+        TEEC_FinalizeContext(&context);
     }
     // The TEE client library finds the default TEE here.
     setenv("ZEL_TEE_SOCKET", where_.c_str(), 1);

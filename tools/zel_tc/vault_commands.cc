@@ -249,10 +249,13 @@ int startVault(const LifecycleArguments& arguments) {
     options.control = !arguments.noControl;
     if (!arguments.storage.empty()) options.extraArguments = {"--storage", arguments.storage};
     options.ownSession = true;
+    // Detached: `out=$(zel-tc vault start ...)` and `... | tee log` return once it is ready.
+    options.logPath = arguments.socketPath() + ".log";
     std::string error;
     auto daemon = vault::VaultDaemon::start(options, error);
     if (!daemon) {
-        std::cerr << "zel-tc: vault start: " << error << std::endl;
+        std::cerr << "zel-tc: vault start: " << error << " (its log: " << options.logPath << ")"
+                  << std::endl;
         return 1;
     }
     const pid_t pid = daemon->release();
