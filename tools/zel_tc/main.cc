@@ -15,6 +15,7 @@
 #include "catalogue.h"
 #include "helper_commands.h"
 #include "interruption.h"
+#include "last_failed.h"
 #include "number_arg.h"
 #include "report_file.h"
 #include "reports.h"
@@ -23,6 +24,7 @@
 #include "step_runner.h"
 #include "tee_names.h"
 #include "tee_target.h"
+#include "terminal.h"
 #include "uuid_arg.h"
 
 namespace {
@@ -34,7 +36,23 @@ void say(const std::string& text) {
     std::cerr << "zel-tc: " << text << std::endl;
 }
 
-void listSteps() {
+// list --json: the catalogue for scripts.
+void listJson() {
+    nlohmann::json steps = nlohmann::json::array();
+    for (const zel::tc::CatalogueEntry& entry : zel::tc::catalogue()) {
+        nlohmann::json step = {{"number", entry.number},
+                               {"name", entry.name},
+                               {"sends", zel::tc::sendsText(entry)},
+                               {"data_types", entry.dataTypes},
+                               {"title", entry.title}};
+        if (entry.takesArgument()) step["arguments"] = {entry.firstArgument, entry.lastArgument};
+        steps.push_back(step);
+    }
+    std::cout << steps.dump(2) << std::endl;
+}
+
+void listSteps(bool json) {
+    if (json) return listJson();
     std::printf("%4s  %-28s %-10s %-6s %s\n", "no", "step", "sends", "data", "what it does");
     for (const zel::tc::CatalogueEntry& entry : zel::tc::catalogue()) {
         std::string name = entry.name;
@@ -60,6 +78,10 @@ struct RunOptions {
     unsigned repeatCount = 1;
     bool stopOnFailure = false;
     unsigned timeoutSeconds = 120;
+    std::vector<std::string> exclude;
+    bool quiet = false, lastFailed = false, withSetup = false, dryRun = false;
+    std::string colour = "auto";
+    zel::tc::Terminal terminal;
 };
 
 // One numeric option: where its text is, its range, and where the value goes.
@@ -86,9 +108,14 @@ const NumberOption kNumberOptions[] = {
 // Everything that can be known wrong before a step runs: options, step names, the values' fit
 // with the steps, where the reports go. False with a message.
 bool validate(RunOptions& options, std::vector<zel::tc::Step>& steps, std::string& error) {
-    if (options.all == !options.words.empty()) {
-        error = options.all ? "give step names or --all, not both"
-                            : "name the steps to run, or --all for the whole plan";
+    if (int(options.all) + int(!options.words.empty()) + int(options.lastFailed) != 1) {
+        error = options.words.empty() && !options.all && !options.lastFailed
+                    ? "name the steps to run, or --all for the whole plan, or --last-failed"
+                    : "give step names, --all or --last-failed, one of them";
+        return false;
+    }
+    if (!options.terminal.configure(options.colour)) {
+        error = "--color " + options.colour + ": auto, always or never";
         return false;
     }
     for (const NumberOption& option : kNumberOptions) {
@@ -115,9 +142,36 @@ bool validate(RunOptions& options, std::vector<zel::tc::Step>& steps, std::strin
         if (!path->empty() && !zel::tc::canWriteReport(*path, error)) return false;
     if (options.all)
         steps = zel::tc::planSteps(options.overrides);
-    else if (!zel::tc::selectSteps(options.words, options.overrides, steps, error))
+    else if (options.lastFailed && !zel::tc::loadLastFailed(steps, error))
         return false;
-    return zel::tc::checkOverrides(steps, options.overrides, error);
+    else if (!options.words.empty() &&
+             !zel::tc::selectSteps(options.words, options.overrides, steps, error))
+        return false;
+    if (options.lastFailed &&
+        (options.dataType || options.index || options.param || !options.uuidText.empty())) {
+        error = "--last-failed runs the steps with the inputs they had; give no other";
+        return false;
+    }
+    if (options.withSetup) steps = zel::tc::withSetup(steps, options.overrides);
+    if (!zel::tc::excludeSteps(options.exclude, steps, error)) return false;
+    if (steps.empty() && !options.lastFailed) {
+        error = "--exclude leaves no step to run";
+        return false;
+    }
+    return options.lastFailed || zel::tc::checkOverrides(steps, options.overrides, error);
+}
+
+// --dry-run: what would run, in order, with what it reads; on stdout, as nothing else is there.
+void showPlan(const std::vector<zel::tc::Step>& steps, unsigned rounds) {
+    for (unsigned round = 1; round <= rounds; ++round) {
+        size_t position = 0;
+        for (const zel::tc::Step& step : steps) {
+            const zel::tc::StepRecord record{step, static_cast<int>(round), {}, 0};
+            std::cout << ++position << "\t" << step.entry->number << "\t" << record.uniqueName()
+                      << "\t" << zel::tc::stepRecord(record, 0)["inputs"].dump() << "\n";
+        }
+    }
+    std::cout.flush();
 }
 
 int interruptedExit() {
@@ -129,6 +183,7 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
     std::vector<zel::tc::StepRecord> records;
     bool stop = false;
     zel::tc::ResultsStream stream(options.results, zel::tc::runJson(info));
+    const size_t total = steps.size() * options.repeatCount;
     for (unsigned round = 1; round <= options.repeatCount && !stop; ++round) {
         for (const zel::tc::Step& step : steps) {
             if (zel::tc::interruption::caught()) {
@@ -136,9 +191,13 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
                 break;
             }
             zel::tc::StepRecord record{step, static_cast<int>(round), {}, std::time(nullptr)};
-            record.outcome = zel::tc::runIsolated([&step] { return step.entry->run(step.input); },
-                                                  options.timeoutSeconds);
-            std::string verdict = std::string(record.verdict()) + " " +
+            if (options.terminal.progress())
+                say("[" + std::to_string(records.size() + 1) + "/" + std::to_string(total) + "] " +
+                    record.title() + " ...");
+            record.outcome = zel::tc::runIsolated(
+                [&step] { return step.entry->run(step.input); }, options.timeoutSeconds,
+                options.quiet ? zel::tc::Echo::kErrOnly : zel::tc::Echo::kOn);
+            std::string verdict = options.terminal.verdict(record.verdict()) + " " +
                                   std::to_string(step.entry->number) + " " + record.title() +
                                   " result " + record.describe(options.timeoutSeconds);
             if (step.expected != 0 && record.passed())
@@ -156,6 +215,7 @@ int runSteps(const std::vector<zel::tc::Step>& steps, const RunOptions& options,
         }
     }
     info.interruptedBy = zel::tc::interruption::caught();
+    if (!zel::tc::saveLastFailed(records)) say("cannot write " + zel::tc::lastFailedPath());
     if (info.interruptedBy)
         say("interrupted by " + zel::tc::interruption::signalName(info.interruptedBy) +
             "; reporting the " + std::to_string(records.size()) + " steps run so far");
@@ -185,6 +245,14 @@ int run(RunOptions& options) {
         say(error);
         return kExitUsage;
     }
+    if (steps.empty()) {
+        say("nothing to run: the last run had no failed step");
+        return 0;
+    }
+    if (options.dryRun) {
+        showPlan(steps, options.repeatCount);
+        return 0;
+    }
     // From here on a signal ends the run in order: the step stopped, the reports written, the
     // private daemon stopped and its folder removed (by the target's destructor).
     zel::tc::interruption::install();
@@ -206,8 +274,13 @@ int main(int argc, char** argv) {
     CLI::App app{"zel-tc: runs libzel-tc-lib's test steps against the vault TA"};
     app.require_subcommand(1);
 
-    app.add_subcommand("list", "List every step: number, name, command ids sent, data types")
-        ->callback(listSteps);
+    app.set_version_flag("--version", std::string("zel-tc ") + ZEL_TC_VERSION + " (" +
+                                          zel::tc::platformName() + ")");
+    bool listAsJson = false;
+    auto* list =
+        app.add_subcommand("list", "List every step: number, name, command ids sent, data types");
+    list->add_flag("--json", listAsJson, "As a JSON array, for scripts");
+    list->callback([&listAsJson] { listSteps(listAsJson); });
 
     RunOptions options;
     auto* run = app.add_subcommand("run", "Run steps by name, number or pattern, or --all");
@@ -229,6 +302,18 @@ int main(int argc, char** argv) {
     run->add_flag("--fw-versions", options.firmwareVersions,
                   "Also record the secure processor's version texts (sends ze_updateFW, which "
                   "starts a firmware update on a device)");
+    run->add_option("--exclude", options.exclude,
+                    "Leave out the steps this pattern matches (name, case name or number); "
+                    "repeatable");
+    run->add_flag("-q,--quiet", options.quiet,
+                  "Keep the library's lines for the reports but do not show them");
+    run->add_option("--color", options.colour, "Verdicts in colour: auto, always or never")
+        ->capture_default_str();
+    run->add_flag("--last-failed", options.lastFailed,
+                  "Run again the steps that did not pass in the previous run");
+    run->add_flag("--with-setup", options.withSetup,
+                  "Run before each step the plan steps whose state it needs (zel_get: zel_put)");
+    run->add_flag("--dry-run", options.dryRun, "Show what would run, in order, and run nothing");
     run->add_option("--junit", options.junit, "Write a JUnit XML report here");
     run->add_option("--json", options.json, "Write a JSON report here");
     run->add_option("--results", options.results,

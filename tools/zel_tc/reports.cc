@@ -99,7 +99,9 @@ std::string StepRecord::describe(unsigned timeoutSeconds) const {
         case StepOutcome::End::kReturned:
             break;
     }
-    return describeResult(static_cast<uint32_t>(outcome.result));
+    const std::string failed = decodeMask(*step.entry, outcome.result);
+    return describeResult(static_cast<uint32_t>(outcome.result)) +
+           (failed.empty() ? "" : " (" + failed + ")");
 }
 
 std::string StepRecord::title() const {
