@@ -21,6 +21,7 @@
 #include <set>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "control_ids.h"
 #include "interface/zel_ta_ids.h"
@@ -107,9 +108,11 @@ class ZelTcCiTest : public VaultFixture {
     }
 
     // zel-tc in a process group of its own, its output in files; returns its process id.
-    pid_t start(const std::string& arguments) {
-        const std::string command = "exec env TMPDIR=" + tmp + " " + zelTcCommand() + " " +
-                                    arguments + " >" + directory + "/out 2>" + directory + "/err";
+    // environment: "NAME=value ..." for zel-tc alone.
+    pid_t start(const std::string& arguments, const std::string& environment = "") {
+        const std::string command = "exec env TMPDIR=" + tmp + " " + environment + " " +
+                                    zelTcCommand() + " " + arguments + " >" + directory +
+                                    "/out 2>" + directory + "/err";
         const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
         posix_spawnattr_t attributes;
         posix_spawnattr_init(&attributes);
@@ -133,7 +136,9 @@ class ZelTcCiTest : public VaultFixture {
         for (std::string line; std::getline(lines, line);) ++count;
         return count;
     }
-    int run(const std::string& arguments) { return finish(start(arguments)); }
+    int run(const std::string& arguments, const std::string& environment = "") {
+        return finish(start(arguments, environment));
+    }
 
     std::string directory, tmp, reports;
 };
@@ -321,6 +326,126 @@ TEST_F(ZelTcCiTest, ReportsAreReadByJunitparserAndMatchTheSchema) {
     EXPECT_EQ(deleted["result"], "0xFFFF0000");
     EXPECT_EQ(deleted["expected"], "0xFFFF0000");
     EXPECT_EQ(report["steps"][3]["inputs"], (json{{"argument", 3}}));
+}
+
+// The conventions of test runners: leaving steps out, quiet, colour, what failed last time, the
+// steps a step needs, a dry run, the list for scripts, the version.
+TEST_F(ZelTcCiTest, TestRunnerConventions) {
+    const std::string socket = " --socket " + daemon->socketPath();
+    const std::string state = "XDG_STATE_HOME=" + directory + "/state";
+    const auto err = [this] { return readFile(directory + "/err"); };
+    const auto out = [this] { return readFile(directory + "/out"); };
+
+    EXPECT_EQ(run("run process heavyload bist 7 --exclude heavyload --exclude 'bist*'" + socket),
+              0);
+    EXPECT_NE(err().find("PASS 503 process"), std::string::npos) << err();
+    EXPECT_NE(err().find("1 passed, 0 failed"), std::string::npos) << err();
+    EXPECT_EQ(run("run process --exclude nosuch" + socket), 2);
+    EXPECT_NE(err().find("--exclude 'nosuch' matches none"), std::string::npos) << err();
+
+    // A dry run names what would run, in order, with the steps' inputs, and starts nothing.
+    EXPECT_EQ(run("run zel_getHubID zel_get --with-setup --dry-run --junit " + reports + "/r.xml"),
+              0);
+    // Each step after what it needs, in the plan's order, each once.
+    EXPECT_EQ(
+        out(),
+        "1\t7\tzel_storeKey.data1.index3\t{\"data_type\":1,\"index\":3,\"uuid\":\"zel_test\"}\n"
+        "2\t11\tzel_decryptHubToken.data1.index3\t{\"data_type\":1,\"index\":3,\"uuid\":"
+        "\"zel_test\"}\n"
+        "3\t15\tzel_getHubID.data1.index1\t{\"data_type\":1,\"index\":1,\"uuid\":\"zel_test\"}\n"
+        "4\t0\tzel_put.data1.index3\t{\"data_type\":1,\"index\":3,\"uuid\":\"zel_test\"}\n"
+        "5\t2\tzel_get.data1.index3\t{\"data_type\":1,\"index\":3,\"uuid\":\"zel_test\"}\n");
+    EXPECT_EQ(entries(reports), std::vector<std::string>{});
+    EXPECT_EQ(entries(tmp), std::vector<std::string>{});
+
+    // On a fresh vault the hash of slot 3 fails alone and passes after the put it needs.
+    EXPECT_EQ(run("run zel_getHash" + socket), 1);
+    EXPECT_EQ(run("run zel_getHash --with-setup" + socket), 0) << err();
+    EXPECT_NE(err().find("PASS 0 zel_put"), std::string::npos) << err();
+
+    // --last-failed: the steps that did not pass last time, with their inputs, and nothing else.
+    ASSERT_EQ(control.reset(), TEEC_SUCCESS);
+    ASSERT_EQ(control.failInvocations(zel_test, 0x0c, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    EXPECT_EQ(run("run zel_put zel_getHash test_lifetime --index 9" + socket, state), 1);
+    EXPECT_EQ(run("run --last-failed --dry-run", state), 0);
+    EXPECT_EQ(
+        out(),
+        "1\t12\tzel_getHash.data1.index9\t{\"data_type\":1,\"index\":9,\"uuid\":\"zel_test\"}\n");
+    EXPECT_EQ(run("run --last-failed" + socket, state), 0) << err();
+    EXPECT_NE(err().find("PASS 12 zel_getHash"), std::string::npos) << err();
+    EXPECT_EQ(err().find("zel_put"), std::string::npos) << err();
+    EXPECT_EQ(run("run --last-failed" + socket, state), 0);
+    EXPECT_NE(err().find("nothing to run"), std::string::npos) << err();
+    EXPECT_EQ(run("run --last-failed --index 3" + socket, state), 2);
+
+    // Quiet: the library's lines kept for the report, not shown. A failure mask decoded; colour
+    // on request.
+    ASSERT_EQ(control.failInvocations(zel_test, 0x07, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    ASSERT_EQ(control.failInvocations(zel_test, 0x11, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    EXPECT_EQ(run("run process -q --color always --json " + reports + "/r.json" + socket), 1);
+    EXPECT_EQ(out(), "");
+    EXPECT_NE(err().find("\033[1;31mFAIL\033[0m 503 process result 0x00000104 (failed: 0x07, "
+                         "0x11)"),
+              std::string::npos)
+        << err();
+    EXPECT_EQ(json::parse(readFile(reports + "/r.json"))["steps"][0]["output"].back(),
+              "Tessaril PROCESS TEST CA RESULT : 260");
+    EXPECT_EQ(run("run process --color never" + socket), 0);
+    EXPECT_EQ(err().find('\033'), std::string::npos);
+    EXPECT_EQ(run("run process --color sometimes" + socket), 2);
+
+    EXPECT_EQ(run("list --json"), 0);
+    const json list = json::parse(out());
+    EXPECT_EQ(list.size(), 42u);
+    const auto bist = std::find_if(list.begin(), list.end(),
+                                   [](const json& step) { return step["name"] == "bist"; });
+    ASSERT_NE(bist, list.end());
+    EXPECT_EQ((*bist)["arguments"], (json{3, 17}));
+    EXPECT_EQ((*bist)["number"], 504);
+    EXPECT_EQ(run("--version"), 0);
+    EXPECT_EQ(out().rfind("zel-tc ", 0), 0u) << out();
+    EXPECT_NE(out().find(" (host)\n"), std::string::npos) << out();
+}
+
+// At a terminal: each step is named as it starts, verdicts in colour unless NO_COLOR is set.
+TEST_F(ZelTcCiTest, ProgressAndColourAtATerminal) {
+    const std::string command =
+        zelTcCommand() + " run process bist 4 --socket " + daemon->socketPath();
+    const std::string script =
+        "import os, pty, sys\n"
+        "pid, fd = pty.fork()\n"
+        "if pid == 0: os.execv('/bin/sh', ['sh', '-c', sys.argv[1]])\n"
+        "out = b''\n"
+        "while True:\n"
+        "    try: data = os.read(fd, 4096)\n"
+        "    except OSError: break\n"
+        "    if not data: break\n"
+        "    out += data\n"
+        "os.waitpid(pid, 0)\n"
+        "sys.stdout.write(out.decode(errors='replace'))\n";
+    std::ofstream(directory + "/at_terminal.py") << script;
+    auto [status, said] =
+        shell("/usr/bin/python3 " + directory + "/at_terminal.py '" + command + "'");
+    ASSERT_EQ(status, 0) << said;
+    const size_t first = said.find("zel-tc: [1/2] process ...");
+    const size_t verdict = said.find("zel-tc: \033[32mPASS\033[0m 503 process");
+    const size_t second = said.find("zel-tc: [2/2] bist 4 ...");
+    EXPECT_NE(first, std::string::npos) << said;
+    EXPECT_LT(first, verdict) << said;
+    EXPECT_NE(second, std::string::npos) << said;
+    EXPECT_LT(verdict, second) << said;
+
+    std::tie(status, said) =
+        shell("/usr/bin/python3 " + directory + "/at_terminal.py 'NO_COLOR=1 " + command + "'");
+    EXPECT_NE(said.find("zel-tc: [2/2] bist 4 ..."), std::string::npos) << said;
+    EXPECT_EQ(said.find('\033'), std::string::npos) << said;
+    // Not at a terminal: neither.
+    std::tie(status, said) = shell(command);
+    EXPECT_EQ(said.find("[1/2]"), std::string::npos) << said;
+    EXPECT_EQ(said.find('\033'), std::string::npos) << said;
 }
 
 TEST(ZelTcVaultStartTest, StartReturnsThroughAPipeAndStopSaysSo) {
