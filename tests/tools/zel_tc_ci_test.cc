@@ -396,6 +396,12 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
     EXPECT_EQ(run("run process --color never" + socket), 0);
     EXPECT_EQ(err().find('\033'), std::string::npos);
     EXPECT_EQ(run("run process --color sometimes" + socket), 2);
+    // The vault's verbs read numbers alike: 013 is thirteen, not octal eleven.
+    EXPECT_EQ(run("vault fail --cmd 013 --count 01" + socket), 0) << err();
+    EXPECT_EQ(run("run process" + socket), 1);
+    EXPECT_NE(err().find("FAIL 503 process result 0x00000010 (failed: 0x0D)"), std::string::npos)
+        << err();
+    EXPECT_EQ(run("vault fail --cmd 1e1" + socket), 2);
 
     EXPECT_EQ(run("list --json"), 0);
     const json list = json::parse(out());

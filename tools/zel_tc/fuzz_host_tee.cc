@@ -22,7 +22,8 @@ bool openHostTee(const HostTeeOptions& options, RestartTee& restart, std::string
         return true;
     }
     auto daemon = std::make_shared<std::unique_ptr<vault::VaultDaemon>>();
-    const vault::VaultDaemon::Options launch{options.vaultd, {}, false, {}, false};
+    vault::VaultDaemon::Options launch{options.vaultd, {}, false, {}, false};
+    launch.dieWithParent = true;  // nothing zel-tc starts outlives it
     restart = [daemon, launch](std::string& why) {
         if (*daemon) (*daemon)->kill();  // it may be hung or dead: no clean stop to wait for
         daemon->reset();
