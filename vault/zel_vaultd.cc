@@ -55,9 +55,12 @@ int main(int argc, char** argv) {
         return 1;
     }
     // Set before checking: a parent that died in between is seen by the check.
-    if (parent > 0 && (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0 || getppid() != parent)) {
-        std::cerr << "zel-vaultd: the process that started it is gone" << std::endl;
-        return 1;
+    if (parent > 0) {
+        if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0) std::perror("zel-vaultd: --die-with-parent");
+        if (getppid() != parent) {
+            std::cerr << "zel-vaultd: the process that started it is gone" << std::endl;
+            return 1;
+        }
     }
 
     // The store, its WAL files and the socket are this user's alone.
