@@ -402,6 +402,8 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
     EXPECT_NE(err().find("FAIL 503 process result 0x00000010 (failed: 0x0D)"), std::string::npos)
         << err();
     EXPECT_EQ(run("vault fail --cmd 1e1" + socket), 2);
+    EXPECT_EQ(run("fuzz --runs 010 --seed 3 --quiet --cmd put" + socket), 0) << err();
+    EXPECT_NE(err().find("seed 3, 10 executions"), std::string::npos) << err();
 
     EXPECT_EQ(run("list --json"), 0);
     const json list = json::parse(out());

@@ -6,6 +6,7 @@
 
 #include "fuzz_campaign.h"
 #include "fuzz_host_tee.h"
+#include "number_option.h"
 #include "tee_names.h"
 
 namespace zel::tc {
@@ -141,12 +142,14 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
         "fuzz", "Fuzz the TAs' commands; exit 1 with reproducers when something is found");
     fuzz->add_option("--seed", fuzzOptions->campaign.seed, "Seed of the generator")
         ->capture_default_str();
-    fuzz->add_option("--runs", fuzzOptions->campaign.runs, "Stop after this many sequences");
+    fuzz->add_option("--runs", fuzzOptions->campaign.runs, "Stop after this many sequences")
+        ->transform(decimalOrHex());
     fuzz->add_option("--seconds", fuzzOptions->campaign.seconds, "Stop after this many seconds");
     fuzz->add_option("--cmd", fuzzOptions->commands,
                      "Only these commands (names like zel_put or put, or ids); repeatable");
-    fuzz->add_option("--uuid", fuzzOptions->uuid, "Only the commands of this TA: zel_test or "
-                                                  "zel_test_a (or its UUID)");
+    fuzz->add_option("--uuid", fuzzOptions->uuid,
+                     "Only the commands of this TA: zel_test or "
+                     "zel_test_a (or its UUID)");
     fuzz->add_option("--timeout", fuzzOptions->timeoutSeconds,
                      "Seconds a TEE call may take before it counts as a hang")
         ->capture_default_str()
@@ -154,7 +157,8 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
     fuzz->add_option("--out", fuzzOptions->campaign.outDir, "Folder for the reproducers")
         ->capture_default_str();
     fuzz->add_option("--max-findings", fuzzOptions->campaign.maxFindings,
-                     "Stop after this many distinct findings");
+                     "Stop after this many distinct findings")
+        ->transform(decimalOrHex());
     fuzz->add_option("--json", fuzzOptions->json, "Write the summary as JSON here");
     fuzz->add_flag("--quiet", fuzzOptions->quiet, "No progress lines");
     fuzz::addHostTeeOptions(*fuzz, fuzzOptions->tee);
@@ -164,8 +168,9 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
     CLI::App* replay = app.add_subcommand(
         "replay", "Send a reproducer again; exit 1 when its finding reproduces, 0 when not");
     replay->add_option("file", replayOptions->file, "The reproducer file")->required();
-    replay->add_option("--timeout", replayOptions->timeoutSeconds,
-                       "Seconds a TEE call may take before it counts as a hang")
+    replay
+        ->add_option("--timeout", replayOptions->timeoutSeconds,
+                     "Seconds a TEE call may take before it counts as a hang")
         ->capture_default_str()
         ->check(CLI::Range(0.001, 3600.0));
     fuzz::addHostTeeOptions(*replay, replayOptions->tee);
