@@ -19,7 +19,7 @@ native=(crossbuild-essential-armhf qemu-user cmake make pkg-config libcli11-dev 
   debhelper dpkg-dev lintian file)
 # Multi-Arch: same libraries, installed for armhf beside the native ones; libstdc++6 because
 # the cross compiler's own copy lies outside the folders that armhf's loader searches under qemu.
-shared=(libssl-dev libsqlite3-dev libgtest-dev libgmock-dev libstdc++6)
+shared=(libssl-dev libsqlite3-dev libgtest-dev libgmock-dev libstdc++6 libpugixml-dev)
 
 say() { echo "armhf: $*" >&2; }
 

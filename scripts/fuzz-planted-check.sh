@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Builds the planted-fault preset and checks zel-tc fuzz against it end to end, bounded in time:
 # a few planted faults must each be found, their reproducers must replay on the planted vault and
-# must not on the clean one (build/, made by scripts/test.sh before this).
+# must not on the clean one (build-ci/, made by scripts/test.sh before this).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --preset planted >/dev/null
 cmake --build --preset planted -j "$(nproc)"
 planted=build-planted/bin/zel-tc
-clean=build/bin/zel-tc
+clean=build-ci/bin/zel-tc
 [ -x "$clean" ] || { echo "fuzz-planted-check: $clean missing: run scripts/test.sh first" >&2; exit 2; }
 # An unsymbolized report: symbolizing in the dying daemon can outlast the hang timeout.
 export ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:symbolize=0

@@ -6,11 +6,11 @@
 # what zel-tc says the plan is.
 #
 # Exit 3: lava-dispatcher or sshd could not be installed, or the machine cannot host the device;
-# the caller decides what that means. Needs the build in build/ (scripts/test.sh makes it).
+# the caller decides what that means. Needs the build in build-ci/ (scripts/test.sh makes it).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
-zel_tc="$repo/build/bin/zel-tc"
+zel_tc="$repo/build-ci/bin/zel-tc"
 # A command that only one plan step sends (zel_getSlotInfo), so that exactly that step must fail.
 injected_cmd=45
 injected_case="zel_getSlotInfo.data1.index3"
@@ -184,8 +184,8 @@ say "lava-run (job $job_id)"
 lava_status=0
 timeout 900 lava-run --job-id "$job_id" --output-dir "$work/output" --device "$work/device.yaml" \
   "$work/job.yaml" > "$work/lava.log" 2>&1 || lava_status=$?
-cp "$work/lava.log" "$repo/build/lava-proof.log"
-say "lava-run exited $lava_status; its log: build/lava-proof.log"
+cp "$work/lava.log" "$repo/build-ci/lava-proof.log"
+say "lava-run exited $lava_status; its log: build-ci/lava-proof.log"
 [ "$lava_status" -eq 0 ] || grep -E '"lvl": "(error|exception)"' "$work/lava.log" | tail -5 >&2
 
 $python "$repo/scripts/lava_results_check.py" "$work/lava.log" "$work/expected.jsonl" \

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs the tests, warnings as errors. --sanitize: the same under AddressSanitizer and
-# UndefinedBehaviorSanitizer, in a build folder of its own.
+# Builds and runs the tests, warnings as errors, in build-ci/: apart from scripts/main-job.sh's
+# build/, so that neither rebuilds what the other built. --sanitize: the same under
+# AddressSanitizer and UndefinedBehaviorSanitizer, in a build folder of its own.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=ci

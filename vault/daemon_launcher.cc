@@ -6,10 +6,15 @@
 #include <cstring>
 #include <thread>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +29,25 @@ namespace {
 constexpr int kReadyTimeoutMs = 10000;
 constexpr int kStopTimeoutMs = 5000;
 constexpr int kReadyFdInChild = 3;
+constexpr const char* kPrefix = "zel-vault-";
+constexpr const char* kLockName = "/owner.lock";
+// A lock file younger than this may be between its making and its locking.
+constexpr time_t kStaleAfterSeconds = 2;
+
+std::string temporaryRoot() {
+    const char* tmp = std::getenv("TMPDIR");
+    return tmp && *tmp ? tmp : "/tmp";
+}
+
+bool answers(const std::string& socketPath) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (socketPath.size() >= sizeof address.sun_path) return false;
+    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    return fd &&
+           connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
 
 std::string describeStatus(int status) {
     if (WIFEXITED(status)) return "exited with status " + std::to_string(WEXITSTATUS(status));
@@ -55,15 +79,18 @@ std::string programEmulator() {
 std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::string& error) {
     std::unique_ptr<VaultDaemon> daemon(new VaultDaemon);
     daemon->socketPath_ = options.socketPath;
+    if (options.dieWithParent) removeStalePrivateDirectories();
     if (daemon->socketPath_.empty()) {
-        const char* tmp = std::getenv("TMPDIR");
-        std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/zel-vault-XXXXXX";
+        std::string pattern = temporaryRoot() + "/" + kPrefix + "XXXXXX";
         if (!mkdtemp(pattern.data())) {
             error = "cannot make a private directory: " + std::string(std::strerror(errno));
             return nullptr;
         }
         daemon->privateDirectory_ = pattern;
         daemon->socketPath_ = pattern + "/socket";
+        daemon->lockFd_ =
+            open((pattern + kLockName).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (daemon->lockFd_ >= 0) flock(daemon->lockFd_, LOCK_EX | LOCK_NB);
     }
 
     int pipeFds[2];
@@ -81,6 +108,10 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
     if (!emulator.empty()) arguments.insert(arguments.begin(), emulator);
     arguments.insert(arguments.begin(), options.wrapper.begin(), options.wrapper.end());
     if (options.control) arguments.push_back("--control");
+    if (options.dieWithParent) {
+        arguments.push_back("--die-with-parent");
+        arguments.push_back(std::to_string(getpid()));
+    }
     arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
@@ -91,6 +122,18 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, readyWrite.get(), kReadyFdInChild);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    UniqueFd log;
+    if (!options.logPath.empty()) {
+        log.reset(open(options.logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+        if (!log) {
+            error = "cannot write " + options.logPath + ": " + std::strerror(errno);
+            posix_spawn_file_actions_destroy(&actions);
+            return nullptr;
+        }
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_adddup2(&actions, log.get(), STDERR_FILENO);
+        posix_spawn_file_actions_addclosefrom_np(&actions, kReadyFdInChild + 1);
+    }
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     if (options.ownSession) posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
@@ -158,6 +201,8 @@ pid_t VaultDaemon::release() {
     const pid_t pid = pid_;
     pid_ = -1;
     privateDirectory_.clear();
+    if (lockFd_ >= 0) close(lockFd_);
+    lockFd_ = -1;
     return pid;
 }
 
@@ -165,8 +210,38 @@ VaultDaemon::~VaultDaemon() {
     stop();
     if (!privateDirectory_.empty()) {
         unlink(socketPath_.c_str());  // left behind when the daemon was killed
+        unlink((privateDirectory_ + kLockName).c_str());
         rmdir(privateDirectory_.c_str());
     }
+    if (lockFd_ >= 0) close(lockFd_);
+}
+
+int removeStalePrivateDirectories() {
+    const std::string root = temporaryRoot();
+    DIR* listing = opendir(root.c_str());
+    if (!listing) return 0;
+    int removed = 0;
+    const time_t now = time(nullptr);
+    while (const dirent* entry = readdir(listing)) {
+        if (std::strncmp(entry->d_name, kPrefix, std::strlen(kPrefix)) != 0) continue;
+        const std::string directory = root + "/" + entry->d_name;
+        struct stat about {};
+        if (lstat(directory.c_str(), &about) != 0 || !S_ISDIR(about.st_mode) ||
+            about.st_uid != getuid())
+            continue;
+        // Only directories made by this launcher carry the lock; anything else is left alone.
+        UniqueFd lock(open((directory + kLockName).c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+        if (!lock || fstat(lock.get(), &about) != 0 || now - about.st_mtime < kStaleAfterSeconds ||
+            flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
+            continue;
+        const std::string socketPath = directory + "/socket";
+        if (answers(socketPath)) continue;
+        unlink(socketPath.c_str());
+        unlink((directory + kLockName).c_str());
+        removed += rmdir(directory.c_str()) == 0 ? 1 : 0;
+    }
+    closedir(listing);
+    return removed;
 }
 
 }  // namespace zel::vault

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,6 +35,10 @@ int main(int argc, char** argv) {
     app.add_option("--ready-fd", readyFd,
                    "Write \"ready\\n\" to this descriptor and close it once listening")
         ->check(CLI::NonNegativeNumber);
+    pid_t parent = 0;
+    app.add_option("--die-with-parent", parent,
+                   "End (as on SIGTERM) when this process, the one that started the daemon, dies")
+        ->check(CLI::PositiveNumber);
     CLI11_PARSE(app, argc, argv);
 
     // Signals are read from a descriptor, so every thread started later inherits the mask.
@@ -48,6 +53,14 @@ int main(int argc, char** argv) {
     if (!stopFd) {
         std::perror("zel-vaultd: signalfd");
         return 1;
+    }
+    // Set before checking: a parent that died in between is seen by the check.
+    if (parent > 0) {
+        if (prctl(PR_SET_PDEATHSIG, SIGTERM) != 0) std::perror("zel-vaultd: --die-with-parent");
+        if (getppid() != parent) {
+            std::cerr << "zel-vaultd: the process that started it is gone" << std::endl;
+            return 1;
+        }
     }
 
     // The store, its WAL files and the socket are this user's alone.

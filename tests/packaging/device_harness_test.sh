@@ -62,8 +62,8 @@ printf 'db/comss/serialnumber=DEV-0001\n' >"$work/vconf"
 ZEL_VCONF_FILE=$work/vconf device "$zel_tc" run --all --junit "$work/report.xml" --json "$work/report.json" \
   >"$work/plan.out" 2>"$work/plan.err" || { tail -30 "$work/plan.err"; fail "the plan failed"; }
 grep -q "zel-tc: 61 passed, 0 failed" "$work/plan.err" || { tail "$work/plan.err"; fail "not 61 passed"; }
-grep -q '<property name="platform" value="device"/>' "$work/report.xml" || fail "no platform property"
-grep -q '<property name="device.serial" value="DEV-0001"/>' "$work/report.xml" || fail "no serial"
+grep -q '<property name="platform" value="device"' "$work/report.xml" || fail "no platform property"
+grep -q '<property name="device.serial" value="DEV-0001"' "$work/report.xml" || fail "no serial"
 grep -q '<property name="ta.firmware_words" value="0x00000001,' "$work/report.xml" ||
   fail "no firmware words"
 grep -q '"device.serial": "DEV-0001"' "$work/report.json" || fail "no identity in the JSON report"

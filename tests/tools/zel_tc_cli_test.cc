@@ -162,11 +162,8 @@ TEST_F(ZelTcAgainstRunningDaemonTest, ScenariosTakeTheirDataTypeIndexAndUuid) {
     EXPECT_NE(run.err.find("PASS 45 zel_getSlotInfo"), std::string::npos) << run.err;
 
     run = zelTc("run" + socket + " zel_put --data-type 7");
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(run.out.back(), "Unknown data type");
-    EXPECT_NE(run.err.find("FAIL 0 zel_put result 0xFFFF0000 TEEC_ERROR_GENERIC"),
-              std::string::npos)
-        << run.err;
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_EQ(run.out, Lines{});
 
     // Another TA's UUID: the vault's commands are not there.
     run = zelTc("run" + socket + " zel_openSession --uuid zel_test_a");
@@ -229,7 +226,8 @@ TEST_F(ZelTcReportsTest, PlanPassesWithExpectedFailuresAndFailsWithAnInjectedOne
     std::ifstream json(report + ".json");
     std::stringstream jsonText;
     jsonText << json.rdbuf();
-    EXPECT_NE(jsonText.str().find("\"passed\": 61,\n  \"failed\": 0"), std::string::npos);
+    EXPECT_NE(jsonText.str().find("\"passed\": 61,"), std::string::npos);
+    EXPECT_NE(jsonText.str().find("\"failed\": 0,"), std::string::npos);
 
     ASSERT_EQ(control.reset(), TEEC_SUCCESS);
     ASSERT_EQ(control.failInvocations(zel_test, 0x23, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
@@ -239,7 +237,7 @@ TEST_F(ZelTcReportsTest, PlanPassesWithExpectedFailuresAndFailsWithAnInjectedOne
     EXPECT_NE(run.err.find("FAIL 35 zel_aesEncrypt result 0xFFFF0000"), std::string::npos)
         << run.err;
     EXPECT_NE(run.err.find("60 passed, 1 failed"), std::string::npos) << run.err;
-    EXPECT_EQ(junitSummary(), "61 1 0 zel_aesEncrypt");
+    EXPECT_EQ(junitSummary(), "61 1 0 zel_aesEncrypt.data2.index2");
 }
 
 TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
@@ -267,20 +265,17 @@ TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
     std::stringstream json, xml;
     json << std::ifstream(report + ".json").rdbuf();
     xml << std::ifstream(report + ".xml").rdbuf();
-    EXPECT_NE(
-        json.str().find("\"run\": {\"platform\": \"host\", \"tee\": \"" + daemon->socketPath() +
-                        "\", \"identity\": {\"device.serial\": \"unavailable\""),
-        std::string::npos)
-        << json.str();
-    EXPECT_NE(json.str().find("\"ta.firmware_words\": \"0x00000003,0xDEADBEEF\"}"),
-              std::string::npos)
-        << json.str();
+    const nlohmann::json about = nlohmann::json::parse(json.str())["run"];
+    EXPECT_EQ(about["platform"], "host");
+    EXPECT_EQ(about["tee"], daemon->socketPath());
+    EXPECT_EQ(about["identity"]["device.serial"], "unavailable");
+    EXPECT_EQ(about["identity"]["ta.firmware_words"], "0x00000003,0xDEADBEEF");
     for (const char* property :
-         {"<property name=\"device.serial\" value=\"R3CT 0042\"/>",
-          "<property name=\"device.build_date\" value=\"unavailable\"/>",
-          "<property name=\"ta.firmware_words\" value=\"0x00000003,0xDEADBEEF\"/>",
-          "<property name=\"ta.system_version\" value=\"1.0.2\"/>",
-          "<property name=\"ta.app_version\" value=\"7.1\"/>"})
+         {"<property name=\"device.serial\" value=\"R3CT 0042\"",
+          "<property name=\"device.build_date\" value=\"unavailable\"",
+          "<property name=\"ta.firmware_words\" value=\"0x00000003,0xDEADBEEF\"",
+          "<property name=\"ta.system_version\" value=\"1.0.2\"",
+          "<property name=\"ta.app_version\" value=\"7.1\""})
         EXPECT_NE(xml.str().find(property), std::string::npos) << property << "\n" << xml.str();
     unlink(vconf.c_str());
     unlink(sysinfo.c_str());

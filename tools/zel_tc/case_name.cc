@@ -1,20 +1,11 @@
 #include "case_name.h"
 
-#include <cstdio>
 #include <cstring>
 
-#include "interface/zel_ta_ids.h"
 #include "tee_names.h"
+#include "uuid_arg.h"
 
 namespace zel::tc {
-
-namespace {
-
-bool sameUuid(const TEEC_UUID& a, const TEEC_UUID& b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
-}  // namespace
 
 std::string caseName(const Step& step) {
     const CatalogueEntry& entry = *step.entry;
@@ -30,18 +21,11 @@ std::string caseName(const Step& step) {
     if (!scenario && !entry.takesArgument() && step.input.param != 0)
         name += ".param" + std::to_string(step.input.param);
     // The vault TA is the scenarios' default, so only another TA is named.
-    if (scenario && sameUuid(step.input.uuid, zel_test_a)) {
+    const std::string ta = uuidText(step.input.uuid);
+    if (scenario && ta == "zel_test_a")
         name += ".zel_test_a";
-    } else if (scenario && !sameUuid(step.input.uuid, zel_test)) {
-        char text[40];
-        const TEEC_UUID& u = step.input.uuid;
-        std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
-                      u.timeLow, u.timeMid, u.timeHiAndVersion, u.clockSeqAndNode[0],
-                      u.clockSeqAndNode[1], u.clockSeqAndNode[2], u.clockSeqAndNode[3],
-                      u.clockSeqAndNode[4], u.clockSeqAndNode[5], u.clockSeqAndNode[6],
-                      u.clockSeqAndNode[7]);
-        name += std::string(".uuid") + text;
-    }
+    else if (scenario && ta != "zel_test")
+        name += ".uuid" + ta;
     if (step.why) name += ".expect" + resultHex(static_cast<uint32_t>(step.expected));
     return name;
 }

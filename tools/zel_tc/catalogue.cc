@@ -2,11 +2,16 @@
 
 #include <fnmatch.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <iostream>
 
+#include "case_name.h"
 #include "managers/ca_manager.h"
+#include "number_arg.h"
 #include "zel_tc_lib.h"
 
 namespace zel::tc {
@@ -104,8 +109,10 @@ constexpr CatalogueEntry single(uint32_t number, const char* name, const char* t
 
 // A raw suite: run with its ZETest selector, or each of a range of them.
 constexpr CatalogueEntry rawSuite(uint32_t number, const char* name, const char* title,
-                                  int firstSelector, int lastSelector, const char* sends) {
-    return {number, name, title, runZeTest, firstSelector, lastSelector, 0, 0, 0, sends, "-"};
+                                  int firstSelector, int lastSelector, const char* sends,
+                                  const uint32_t* maskCommands = nullptr, size_t maskSize = 0) {
+    return {number, name, title, runZeTest, firstSelector, lastSelector, 0,
+            0,      0,    sends, "-",       maskCommands,  maskSize};
 }
 
 // A scenario: its number is its command number, which is also what it is run with.
@@ -130,6 +137,8 @@ struct PlanRow {
     int index;
     int32_t expected = 0;
     const char* why = nullptr;
+    // The earlier row whose state this step needs, and so what --with-setup runs before it.
+    const char* need = nullptr;
 };
 
 constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
@@ -152,31 +161,31 @@ constexpr PlanRow kPlan[] = {
     {"test_lifetime", 0, 0},
     {"zel_openSession", 1, kDataSlot},
     {"zel_put", 1, kDataSlot},
-    {"zel_get", 1, kDataSlot},
-    {"zel_getSlotInfo", 1, kDataSlot},
-    {"zel_getHash", 1, kDataSlot},
-    {"zel_checkDataExistence", 1, kDataSlot},
+    {"zel_get", 1, kDataSlot, 0, nullptr, "zel_put"},
+    {"zel_getSlotInfo", 1, kDataSlot, 0, nullptr, "zel_put"},
+    {"zel_getHash", 1, kDataSlot, 0, nullptr, "zel_put"},
+    {"zel_checkDataExistence", 1, kDataSlot, 0, nullptr, "zel_put"},
     {"zel_storeKey", 1, kEcKeySlot},
     {"zel_storeKey", 2, kAesKeySlot},
-    {"zel_compareData", 2, kAesKeySlot},
-    {"zel_aesEncrypt", 2, kAesKeySlot},
-    {"zel_aesDecrypt", 2, kAesKeySlot},
-    {"zel_decryptByKey", 1, kDecryptedSlot},
-    {"zel_ecdsaCreateSignature", 1, kEcKeySlot},
-    {"zel_genAuthKey", 1, kEcKeySlot},
-    {"zel_decryptHubToken", 1, kEcKeySlot},
-    {"zel_getHubID", 1, kHubTokenSlot},
-    {"zel_getCmacKey", 1, kHubTokenSlot},
-    {"zel_getCMACwithHubToken", 1, kHubTokenSlot},
+    {"zel_compareData", 2, kAesKeySlot, 0, nullptr, "zel_storeKey@2"},
+    {"zel_aesEncrypt", 2, kAesKeySlot, 0, nullptr, "zel_storeKey@2"},
+    {"zel_aesDecrypt", 2, kAesKeySlot, 0, nullptr, "zel_storeKey@2"},
+    {"zel_decryptByKey", 1, kDecryptedSlot, 0, nullptr, "zel_storeKey@2"},
+    {"zel_ecdsaCreateSignature", 1, kEcKeySlot, 0, nullptr, "zel_storeKey"},
+    {"zel_genAuthKey", 1, kEcKeySlot, 0, nullptr, "zel_storeKey"},
+    {"zel_decryptHubToken", 1, kEcKeySlot, 0, nullptr, "zel_storeKey"},
+    {"zel_getHubID", 1, kHubTokenSlot, 0, nullptr, "zel_decryptHubToken"},
+    {"zel_getCmacKey", 1, kHubTokenSlot, 0, nullptr, "zel_decryptHubToken"},
+    {"zel_getCMACwithHubToken", 1, kHubTokenSlot, 0, nullptr, "zel_decryptHubToken"},
     {"zel_generateKey", 1, kGeneratedKeySlot},
-    {"zel_deleteKey", 1, kGeneratedKeySlot},
-    {"zel_delete", 1, kDataSlot},
+    {"zel_deleteKey", 1, kGeneratedKeySlot, 0, nullptr, "zel_generateKey"},
+    {"zel_delete", 1, kDataSlot, 0, nullptr, "zel_put"},
     {"zel_get", 1, kDataSlot, kGeneric, "the slot was deleted"},
     {"zel_checkDataExistence", 1, kDataSlot, kNotFound, "the slot was deleted"},
     {"zel_getPublicKeyStatus", 0, 0, kNotFound, "no AK key is provisioned yet"},
     {"zel_akProvision", 0, 0},
-    {"zel_checkZelAk", 0, 0},
-    {"zel_getPublicKeyStatus", 0, 0},
+    {"zel_checkZelAk", 0, 0, 0, nullptr, "zel_akProvision"},
+    {"zel_getPublicKeyStatus", 0, 0, 0, nullptr, "zel_akProvision"},
     {"zel_akProvisionRPMB", 0, 0},
     {"zel_getInfo", 0, 0},
     {"zel_getAppInfo", 0, 0},
@@ -190,16 +199,9 @@ constexpr PlanRow kPlan[] = {
     {"ze_updateFW", 0, 0},
     {"zel_forceRecovery", 0, 0},
     {"zel_forceRecoverySP", 0, 0},
-    {"zel_removeAkKeys", 0, 0},
+    {"zel_removeAkKeys", 0, 0, 0, nullptr, "zel_akProvision"},
     {"zel_checkZelAk", 0, 0, kNotFound, "the AK keys were removed"},
 };
-
-bool parseNumber(const std::string& word, long& value) {
-    if (word.empty()) return false;
-    char* end = nullptr;
-    value = std::strtol(word.c_str(), &end, 0);
-    return *end == '\0';
-}
 
 Step makeStep(const CatalogueEntry& entry, int argument, const Overrides& overrides) {
     std::string name = entry.name;
@@ -216,13 +218,11 @@ void addAll(const CatalogueEntry& entry, const Overrides& overrides, std::vector
 }
 
 const CatalogueEntry* find(const std::string& word) {
-    long number = -1;
+    long long number = -1;
     const bool numeric = parseNumber(word, number);
     for (const CatalogueEntry& entry : catalogue()) {
         const std::string name = entry.name;
-        // Compared in 64 bits: a 32-bit long would turn into an unsigned one and -1 into 2^32-1.
-        if (word == name || "zel_" + word == name ||
-            (numeric && static_cast<long long>(number) == entry.number))
+        if (word == name || "zel_" + word == name || (numeric && number == entry.number))
             return &entry;
     }
     return nullptr;
@@ -237,9 +237,9 @@ const std::vector<CatalogueEntry>& catalogue() {
                  "command 0 up to 1000 times over one session, stops at the 5th failure", 0, 0,
                  "0x00"),
         rawSuite(502, "heavyload", "ten commands over one session, result is the failure mask", 1,
-                 1, "0x01-0x11"),
+                 1, "0x01-0x11", kHeavyloadCommands, std::size(kHeavyloadCommands)),
         rawSuite(503, "process", "nine commands over one session, result is the failure mask", 2, 2,
-                 "0x04-0x11"),
+                 "0x04-0x11", kProcessCommands, std::size(kProcessCommands)),
         rawSuite(504, "bist", "built-in self-test of one command, sent with an empty request",
                  kFirstBistCommand, kLastBistCommand, "N"),
         single(505, "test_lifetime", "exported entry point: command 0 once over a fresh session",
@@ -329,21 +329,109 @@ std::string sendsText(const Step& step) {
     return own ? commandHex(static_cast<uint32_t>(step.input.argument)) : sendsText(*step.entry);
 }
 
+namespace {
+
+void addRow(const PlanRow& row, const Overrides& overrides, std::vector<Step>& steps) {
+    Overrides planned = overrides;
+    planned.dataType = overrides.dataType.value_or(row.dataType);
+    planned.index = overrides.index.value_or(row.index);
+    const size_t first = steps.size();
+    addAll(*find(row.name), planned, steps);
+    if (!row.why) return;
+    for (size_t i = first; i < steps.size(); ++i) {
+        steps[i].expected = row.expected;
+        steps[i].why = row.why;
+    }
+}
+
+// A row's needs name rows by step name, "@N" choosing the row with data type N ("zel_storeKey@2":
+// the AES key); the first row of that name that the plan expects to pass.
+const PlanRow* planRow(const std::string& need) {
+    const size_t at = need.find('@');
+    const std::string name = need.substr(0, at);
+    for (const PlanRow& row : kPlan)
+        if (name == row.name && !row.why &&
+            (at == std::string::npos || std::to_string(row.dataType) == need.substr(at + 1)))
+            return &row;
+    return nullptr;
+}
+
+// The rows a row needs, and theirs, marked in plan order.
+void markNeeds(const PlanRow& row, std::vector<bool>& marked) {
+    for (const PlanRow* needed = &row; needed->need;) {
+        needed = planRow(needed->need);
+        marked[static_cast<size_t>(needed - kPlan)] = true;
+    }
+}
+
+}  // namespace
+
 std::vector<Step> planSteps(const Overrides& overrides) {
     std::vector<Step> steps;
-    for (const PlanRow& row : kPlan) {
-        Overrides planned = overrides;
-        planned.dataType = overrides.dataType.value_or(row.dataType);
-        planned.index = overrides.index.value_or(row.index);
-        const size_t first = steps.size();
-        addAll(*find(row.name), planned, steps);
-        if (!row.why) continue;
-        for (size_t i = first; i < steps.size(); ++i) {
-            steps[i].expected = row.expected;
-            steps[i].why = row.why;
+    for (const PlanRow& row : kPlan) addRow(row, overrides, steps);
+    return steps;
+}
+
+std::vector<Step> withSetup(const std::vector<Step>& steps, const Overrides& overrides) {
+    std::vector<Step> out;
+    const auto present = [&out](const Step& step) {
+        return std::any_of(out.begin(), out.end(), [&step](const Step& earlier) {
+            return caseName(earlier) == caseName(step);
+        });
+    };
+    for (const Step& step : steps) {
+        std::vector<bool> needed(std::size(kPlan), false);
+        if (const PlanRow* row = planRow(step.entry->name)) markNeeds(*row, needed);
+        for (size_t i = 0; i < std::size(kPlan); ++i) {
+            if (!needed[i]) continue;
+            std::vector<Step> setup;
+            addRow(kPlan[i], overrides, setup);
+            for (const Step& each : setup)
+                if (!present(each)) out.push_back(each);
+        }
+        out.push_back(step);
+    }
+    return out;
+}
+
+bool excludeSteps(const std::vector<std::string>& patterns, std::vector<Step>& steps,
+                  std::string& error) {
+    for (const std::string& pattern : patterns) {
+        const auto matches = [&pattern](const Step& step) {
+            for (const std::string& name : {std::string(step.entry->name), step.name,
+                                            caseName(step), std::to_string(step.entry->number)})
+                if (fnmatch(pattern.c_str(), name.c_str(), 0) == 0) return true;
+            return false;
+        };
+        const size_t before = steps.size();
+        steps.erase(std::remove_if(steps.begin(), steps.end(), matches), steps.end());
+        if (steps.size() == before) {
+            error = "--exclude '" + pattern + "' matches none of the selected steps";
+            return false;
         }
     }
-    return steps;
+    return true;
+}
+
+bool restoreStep(uint32_t number, const StepInput& input, int32_t expected, const std::string& why,
+                 Step& step) {
+    const CatalogueEntry* entry = find(std::to_string(number));
+    if (!entry || input.argument < entry->firstArgument || input.argument > entry->lastArgument)
+        return false;
+    Overrides same{input.dataType, input.index, input.param, input.uuid};
+    step = makeStep(*entry, input.argument, same);
+    step.expected = expected;
+    for (const PlanRow& row : kPlan)
+        if (row.why && why == row.why) step.why = row.why;
+    return why.empty() == (step.why == nullptr);
+}
+
+std::string decodeMask(const CatalogueEntry& entry, int32_t result) {
+    std::string failed;
+    for (size_t bit = 0; bit < entry.maskSize && bit < 32; ++bit)
+        if (static_cast<uint32_t>(result) >> bit & 1u)
+            failed += (failed.empty() ? "" : ", ") + commandHex(entry.maskCommands[bit]);
+    return failed.empty() ? failed : "failed: " + failed;
 }
 
 bool selectSteps(const std::vector<std::string>& words, const Overrides& overrides,
@@ -364,7 +452,7 @@ bool selectSteps(const std::vector<std::string>& words, const Overrides& overrid
             error = "no step is named '" + words[i] + "' (zel-tc list shows them)";
             return false;
         }
-        long argument = 0;
+        long long argument = 0;
         if (!found->takesArgument()) {
             steps.push_back(makeStep(*found, found->firstArgument, overrides));
         } else if (i + 1 < words.size() && parseNumber(words[i + 1], argument)) {
@@ -378,6 +466,52 @@ bool selectSteps(const std::vector<std::string>& words, const Overrides& overrid
             steps.push_back(makeStep(*found, static_cast<int>(argument), overrides));
         } else {
             addAll(*found, overrides, steps);
+        }
+    }
+    return true;
+}
+
+bool readsTestData(const CatalogueEntry& entry) {
+    return std::strcmp(entry.dataTypes, "-") != 0;
+}
+
+bool readsParam(const CatalogueEntry& entry) {
+    return entry.number == cmd::zel_updateFW || entry.number == cmd::ze_updateFW;
+}
+
+bool acceptsDataType(const CatalogueEntry& entry, int dataType) {
+    if (!readsTestData(entry) || dataType < kFirstDataType || dataType > kLastDataType)
+        return false;
+    return std::strcmp(entry.dataTypes, "any") == 0 ||
+           std::strchr(entry.dataTypes, '0' + dataType) != nullptr;
+}
+
+bool checkOverrides(const std::vector<Step>& steps, const Overrides& overrides,
+                    std::string& error) {
+    const auto reader = std::find_if(steps.begin(), steps.end(),
+                                     [](const Step& step) { return readsTestData(*step.entry); });
+    if ((overrides.dataType || overrides.index || overrides.uuid) && reader == steps.end()) {
+        error = std::string(overrides.dataType ? "--data-type"
+                            : overrides.index  ? "--index"
+                                               : "--uuid") +
+                ": none of the selected steps takes test data, a slot or a TA (zel-tc list "
+                "shows which do)";
+        return false;
+    }
+    if (overrides.index && (*overrides.index < 0 || *overrides.index > kLastIndex)) {
+        error = "--index " + std::to_string(*overrides.index) + ": slots and keys are 0 to " +
+                std::to_string(kLastIndex);
+        return false;
+    }
+    if (!overrides.dataType) return true;
+    for (const Step& step : steps) {
+        if (readsTestData(*step.entry) && !acceptsDataType(*step.entry, *overrides.dataType)) {
+            error = "--data-type " + std::to_string(*overrides.dataType) + ": " + step.name +
+                    " takes " +
+                    (std::strcmp(step.entry->dataTypes, "any") == 0
+                         ? std::to_string(kFirstDataType) + " to " + std::to_string(kLastDataType)
+                         : std::string(step.entry->dataTypes));
+            return false;
         }
     }
     return true;

@@ -1,17 +1,17 @@
 #include "fuzz_campaign.h"
 
 #include <sys/stat.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <deque>
 #include <fstream>
 #include <ostream>
 #include <set>
 #include <utility>
-
-#include "json_string.h"
 
 namespace zel::tc::fuzz {
 
@@ -57,8 +57,8 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
     Executor executor(options.timeoutMs);
     std::set<std::pair<Ta, uint32_t>> tableCommands, covered;
     for (const CommandSpec& spec : commandTable())
-        if (options.commands.empty() || std::count(options.commands.begin(), options.commands.end(),
-                                                   &spec))
+        if (options.commands.empty() ||
+            std::count(options.commands.begin(), options.commands.end(), &spec))
             tableCommands.insert({spec.ta, spec.id});
     summary.commands = tableCommands.size();
     std::set<std::pair<FindingKind, std::pair<Ta, uint32_t>>> seen;
@@ -66,7 +66,9 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
     int sessionFailures = 0;
     const auto started = Clock::now();
     auto nextProgress = started + std::chrono::seconds(1);
-    const auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - started).count(); };
+    const auto elapsed = [&] {
+        return std::chrono::duration<double>(Clock::now() - started).count();
+    };
     const auto progress = [&] {
         const double seconds = elapsed();
         char line[200];
@@ -86,9 +88,9 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
         const Verdict verdict = executor.run(sequence, false);
         ++summary.executions;
         summary.calls += verdict.callsRun;
-        const size_t sent = verdict.kind == FindingKind::kNone ? sequence.size()
-                                                               : std::min(verdict.call + 1,
-                                                                          sequence.size());
+        const size_t sent = verdict.kind == FindingKind::kNone
+                                ? sequence.size()
+                                : std::min(verdict.call + 1, sequence.size());
         for (size_t i = 0; i < sent; ++i)
             if (tableCommands.count({sequence[i].ta, sequence[i].id}))
                 covered.insert({sequence[i].ta, sequence[i].id});
@@ -179,36 +181,41 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
 
 bool writeCampaignJson(const std::string& path, const CampaignOptions& options,
                        const CampaignSummary& summary) {
-    std::ofstream out(path, std::ios::trunc);
-    char rate[32];
-    std::snprintf(rate, sizeof rate, "%.1f",
-                  summary.seconds > 0 ? summary.executions / summary.seconds : 0.0);
-    out << "{\n  \"seed\": " << options.seed << ",\n  \"executions\": " << summary.executions
-        << ",\n  \"calls\": " << summary.calls << ",\n  \"seconds\": " << summary.seconds
-        << ",\n  \"executions_per_second\": " << rate
-        << ",\n  \"commands_covered\": " << summary.covered
-        << ",\n  \"commands\": " << summary.commands << ",\n  \"repeats\": " << summary.repeats
-        << ",\n  \"stopped\": " << jsonString(summary.stopped) << ",\n  \"findings\": [";
-    for (size_t i = 0; i < summary.findings.size(); ++i) {
-        const FindingRecord& f = summary.findings[i];
+    const auto hex = [](uint32_t value, int digits) {
+        char text[16];
+        std::snprintf(text, sizeof text, "0x%0*x", digits, value);
+        return std::string(text);
+    };
+    const double rate = summary.seconds > 0 ? summary.executions / summary.seconds : 0.0;
+    nlohmann::json report = {{"seed", options.seed},
+                             {"executions", summary.executions},
+                             {"calls", summary.calls},
+                             {"seconds", summary.seconds},
+                             {"executions_per_second", std::round(rate * 10) / 10},
+                             {"commands_covered", summary.covered},
+                             {"commands", summary.commands},
+                             {"repeats", summary.repeats},
+                             {"stopped", summary.stopped},
+                             {"findings", nlohmann::json::array()}};
+    for (const FindingRecord& f : summary.findings) {
         const Call& at = f.reproducer.calls.back();
         const CommandSpec* spec = findCommand(at.ta, at.id);
-        char result[16], origin[16], id[16];
-        std::snprintf(result, sizeof result, "0x%08x", f.reproducer.result);
-        std::snprintf(origin, sizeof origin, "0x%08x", f.reproducer.origin);
-        std::snprintf(id, sizeof id, "0x%02x", at.id);
-        out << (i ? ",\n" : "\n") << "    {\"kind\": " << jsonString(kindName(f.reproducer.kind))
-            << ", \"ta\": " << jsonString(taName(at.ta)) << ", \"command\": " << jsonString(id)
-            << ", \"name\": " << jsonString(spec ? spec->name : "")
-            << ", \"result\": " << jsonString(result) << ", \"origin\": " << jsonString(origin)
-            << ", \"detail\": " << jsonString(f.reproducer.detail)
-            << ", \"seconds_to_find\": " << f.secondsToFind
-            << ", \"calls_seen\": " << f.callsSeen
-            << ", \"calls\": " << f.reproducer.calls.size()
-            << ", \"minimized\": " << (f.minimized ? "true" : "false")
-            << ", \"file\": " << jsonString(f.file) << "}";
+        report["findings"].push_back({{"kind", kindName(f.reproducer.kind)},
+                                      {"ta", taName(at.ta)},
+                                      {"command", hex(at.id, 2)},
+                                      {"name", spec ? spec->name : ""},
+                                      {"result", hex(f.reproducer.result, 8)},
+                                      {"origin", hex(f.reproducer.origin, 8)},
+                                      {"detail", f.reproducer.detail},
+                                      {"seconds_to_find", f.secondsToFind},
+                                      {"calls_seen", f.callsSeen},
+                                      {"calls", f.reproducer.calls.size()},
+                                      {"minimized", f.minimized},
+                                      {"file", f.file}});
     }
-    out << (summary.findings.empty() ? "]\n}\n" : "\n  ]\n}\n");
+    std::ofstream out(path, std::ios::trunc);
+    // Bytes of a detail that are not UTF-8 are replaced rather than refused.
+    out << report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
     out.close();
     return static_cast<bool>(out);
 }

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "fuzz_campaign.h"
+#include "number_option.h"
 #include "tee_names.h"
 #include "tee_target.h"
 
@@ -143,7 +144,8 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
         "fuzz", "Fuzz the TAs' commands; exit 1 with reproducers when something is found");
     fuzz->add_option("--seed", fuzzOptions->campaign.seed, "Seed of the generator")
         ->capture_default_str();
-    fuzz->add_option("--runs", fuzzOptions->campaign.runs, "Stop after this many sequences");
+    fuzz->add_option("--runs", fuzzOptions->campaign.runs, "Stop after this many sequences")
+        ->transform(decimalOrHex());
     fuzz->add_option("--seconds", fuzzOptions->campaign.seconds, "Stop after this many seconds");
     fuzz->add_option("--cmd", fuzzOptions->commands,
                      "Only these commands (names like zel_put or put, or ids); repeatable");
@@ -157,7 +159,8 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
     fuzz->add_option("--out", fuzzOptions->campaign.outDir, "Folder for the reproducers")
         ->capture_default_str();
     fuzz->add_option("--max-findings", fuzzOptions->campaign.maxFindings,
-                     "Stop after this many distinct findings");
+                     "Stop after this many distinct findings")
+        ->transform(decimalOrHex());
     fuzz->add_option("--json", fuzzOptions->json, "Write the summary as JSON here");
     fuzz->add_flag("--quiet", fuzzOptions->quiet, "No progress lines");
     addTeeTargetOptions(*fuzz, fuzzOptions->tee);

@@ -1,49 +1,24 @@
 #include "reports.h"
 
-#include <cstdio>
-#include <fstream>
+#include <unistd.h>
+#include <nlohmann/json.hpp>
+#include <pugixml.hpp>
+
+#include <climits>
 #include <iomanip>
 #include <iostream>
 #include <sstream>
 
-#include "json_string.h"
+#include "case_name.h"
+#include "interruption.h"
+#include "report_file.h"
+#include "results_stream.h"
 #include "tee_names.h"
+#include "utf8_text.h"
 
 namespace zel::tc {
 
 namespace {
-
-
-// Text that goes inside XML attributes and elements. Control characters have no place in XML 1.0,
-// so they are written as \xNN.
-std::string xmlEscaped(const std::string& text) {
-    std::string out;
-    for (const unsigned char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                if (c < 0x20 && c != '\t' && c != '\n') {
-                    char escaped[8];
-                    std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
-                    out += escaped;
-                } else {
-                    out += static_cast<char>(c);
-                }
-        }
-    }
-    return out;
-}
 
 int countFailed(const std::vector<StepRecord>& records) {
     int failed = 0;
@@ -57,6 +32,45 @@ double totalSeconds(const std::vector<StepRecord>& records) {
     return seconds;
 }
 
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += reportText(line) + "\n";
+    return text;
+}
+
+std::vector<std::string> fitForReports(const std::vector<std::string>& lines) {
+    std::vector<std::string> fit;
+    for (const std::string& line : lines) fit.push_back(reportText(line));
+    return fit;
+}
+
+// Milliseconds are what a CI shows; pugixml would write every digit of the double.
+std::string secondsText(double seconds) {
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(3) << seconds;
+    return text.str();
+}
+
+void addProperty(pugi::xml_node properties, const std::string& name, const std::string& value) {
+    pugi::xml_node property = properties.append_child("property");
+    property.append_attribute("name") = reportText(name).c_str();
+    property.append_attribute("value") = reportText(value).c_str();
+}
+
+void setCounts(pugi::xml_node node, const std::vector<StepRecord>& records) {
+    int errors = 0, failures = 0;
+    for (const StepRecord& record : records) {
+        if (record.outcome.end != StepOutcome::End::kReturned)
+            ++errors;
+        else if (!record.passed())
+            ++failures;
+    }
+    node.append_attribute("tests") = static_cast<unsigned>(records.size());
+    node.append_attribute("failures") = failures;
+    node.append_attribute("errors") = errors;
+    node.append_attribute("time") = secondsText(totalSeconds(records)).c_str();
+}
+
 }  // namespace
 
 const char* StepRecord::verdict() const {
@@ -65,6 +79,8 @@ const char* StepRecord::verdict() const {
             return "HUNG";
         case StepOutcome::End::kCrashed:
             return "CRASHED";
+        case StepOutcome::End::kInterrupted:
+            return "INTERRUPTED";
         case StepOutcome::End::kReturned:
             break;
     }
@@ -78,21 +94,43 @@ std::string StepRecord::describe(unsigned timeoutSeconds) const {
         case StepOutcome::End::kCrashed:
             return "crashed" +
                    (outcome.signal ? ": signal " + std::to_string(outcome.signal) : std::string());
+        case StepOutcome::End::kInterrupted:
+            return "interrupted by " + interruption::signalName(outcome.signal);
         case StepOutcome::End::kReturned:
             break;
     }
-    return describeResult(static_cast<uint32_t>(outcome.result));
+    const std::string failed = decodeMask(*step.entry, outcome.result);
+    return describeResult(static_cast<uint32_t>(outcome.result)) +
+           (failed.empty() ? "" : " (" + failed + ")");
 }
 
 std::string StepRecord::title() const {
     return round > 1 ? step.name + " (round " + std::to_string(round) + ")" : step.name;
 }
 
+std::string StepRecord::uniqueName() const {
+    return caseName(step) + (round > 1 ? ".round" + std::to_string(round) : "");
+}
+
+RunInfo startRun(const std::string& tee) {
+    char host[HOST_NAME_MAX + 1] = {};
+    if (gethostname(host, sizeof host - 1) != 0) host[0] = '\0';
+    return {ZEL_TC_VERSION, ZEL_TC_PLATFORM, host, std::time(nullptr), tee, {}, 0};
+}
+
+std::string utcText(std::time_t when, bool zone) {
+    std::tm utc{};
+    gmtime_r(&when, &utc);
+    char text[32] = {};
+    std::strftime(text, sizeof text, zone ? "%Y-%m-%dT%H:%M:%SZ" : "%Y-%m-%dT%H:%M:%S", &utc);
+    return text;
+}
+
 void writeSummary(std::ostream& out, const std::vector<StepRecord>& records,
                   unsigned timeoutSeconds) {
     out << "zel-tc: summary\n"
         << std::left << "  " << std::setw(34) << "step" << std::setw(11) << "cmd" << std::setw(40)
-        << "result" << std::setw(9) << "verdict"
+        << "result" << std::setw(12) << "verdict"
         << "time\n";
     for (const StepRecord& record : records) {
         std::ostringstream seconds;
@@ -100,89 +138,86 @@ void writeSummary(std::ostream& out, const std::vector<StepRecord>& records,
         out << "  " << std::setw(34)
             << (std::to_string(record.step.entry->number) + " " + record.title()) << std::setw(11)
             << sendsText(record.step) << std::setw(40) << record.describe(timeoutSeconds)
-            << std::setw(9) << record.verdict() << seconds.str();
+            << std::setw(12) << record.verdict() << seconds.str();
         if (record.step.why)
-            out << "  expected " << resultHex(static_cast<uint32_t>(record.step.expected)) << ": " << record.step.why;
+            out << "  expected " << resultHex(static_cast<uint32_t>(record.step.expected)) << ": "
+                << record.step.why;
         out << "\n";
     }
     const int failed = countFailed(records);
     out << "zel-tc: " << records.size() - failed << " passed, " << failed << " failed" << std::endl;
 }
 
-bool writeJunit(const std::string& path, const RunInfo& run,
-                const std::vector<StepRecord>& records, unsigned timeoutSeconds) {
-    std::ofstream xml(path);
-    int errors = 0, failures = 0;
+bool writeJunit(const std::string& path, const RunInfo& run, const std::vector<StepRecord>& records,
+                unsigned timeoutSeconds) {
+    pugi::xml_document document;
+    pugi::xml_node declaration = document.append_child(pugi::node_declaration);
+    declaration.append_attribute("version") = "1.0";
+    declaration.append_attribute("encoding") = "UTF-8";
+    pugi::xml_node suites = document.append_child("testsuites");
+    suites.append_attribute("name") = "zel-tc";
+    setCounts(suites, records);
+    pugi::xml_node suite = suites.append_child("testsuite");
+    suite.append_attribute("name") = "zel-tc";
+    setCounts(suite, records);
+    suite.append_attribute("skipped") = 0;
+    suite.append_attribute("timestamp") = utcText(run.started, false).c_str();
+    suite.append_attribute("hostname") = reportText(run.hostname).c_str();
+    pugi::xml_node properties = suite.append_child("properties");
+    addProperty(properties, "zel-tc.version", run.version);
+    addProperty(properties, "platform", run.platform);
+    addProperty(properties, "tee", run.tee);
+    if (run.interruptedBy)
+        addProperty(properties, "interrupted", interruption::signalName(run.interruptedBy));
+    for (const auto& [name, value] : run.identity) addProperty(properties, name, value);
     for (const StepRecord& record : records) {
-        if (record.outcome.end != StepOutcome::End::kReturned)
-            ++errors;
-        else if (!record.passed())
-            ++failures;
-    }
-    xml << std::fixed << std::setprecision(3);
-    xml << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-        << "<testsuites tests=\"" << records.size() << "\" failures=\"" << failures
-        << "\" errors=\"" << errors << "\" time=\"" << totalSeconds(records) << "\">\n"
-        << "  <testsuite name=\"zel-tc\" tests=\"" << records.size() << "\" failures=\"" << failures
-        << "\" errors=\"" << errors << "\" time=\"" << totalSeconds(records) << "\">\n"
-        << "    <properties>\n";
-    auto property = [&xml](const std::string& name, const std::string& value) {
-        xml << "      <property name=\"" << xmlEscaped(name) << "\" value=\"" << xmlEscaped(value)
-            << "\"/>\n";
-    };
-    property("platform", run.platform);
-    property("tee", run.tee);
-    for (const auto& [name, value] : run.identity) property(name, value);
-    xml << "    </properties>\n";
-    for (const StepRecord& record : records) {
-        xml << "    <testcase classname=\"zel-tc." << record.step.entry->number << "\" name=\""
-            << xmlEscaped(record.title()) << "\" time=\"" << record.outcome.seconds << "\">\n";
+        pugi::xml_node testcase = suite.append_child("testcase");
+        testcase.append_attribute("classname") =
+            ("zel-tc." + std::to_string(record.step.entry->number)).c_str();
+        testcase.append_attribute("name") = record.uniqueName().c_str();
+        testcase.append_attribute("time") = secondsText(record.outcome.seconds).c_str();
         const std::string said = record.describe(timeoutSeconds);
-        if (record.outcome.end != StepOutcome::End::kReturned)
-            xml << "      <error message=\"" << xmlEscaped(said) << "\"/>\n";
-        else if (!record.passed())
-            xml << "      <failure message=\"result " << xmlEscaped(said) << ", expected "
-                << resultHex(static_cast<uint32_t>(record.step.expected)) << "\"/>\n";
-        xml << "      <system-out>";
-        for (const std::string& line : record.outcome.lines) xml << xmlEscaped(line) << "\n";
-        xml << "</system-out>\n    </testcase>\n";
+        if (record.outcome.end != StepOutcome::End::kReturned) {
+            pugi::xml_node error = testcase.append_child("error");
+            error.append_attribute("message") = said.c_str();
+            error.append_attribute("type") = record.verdict();
+        } else if (!record.passed()) {
+            pugi::xml_node failure = testcase.append_child("failure");
+            failure.append_attribute("message") =
+                ("result " + said + ", expected " +
+                 resultHex(static_cast<uint32_t>(record.step.expected)))
+                    .c_str();
+            failure.append_attribute("type") = "FAIL";
+        }
+        testcase.append_child("system-out").text() = joined(record.outcome.lines).c_str();
+        testcase.append_child("system-err").text() = joined(record.outcome.errLines).c_str();
     }
-    xml << "  </testsuite>\n</testsuites>\n";
-    xml.close();
-    return !xml.fail();
+    std::ostringstream text;
+    document.save(text, "  ", pugi::format_default, pugi::encoding_utf8);
+    return writeReport(path, text.str());
 }
 
 bool writeJson(const std::string& path, const RunInfo& run, const std::vector<StepRecord>& records,
                unsigned timeoutSeconds) {
-    std::ofstream json(path);
+    nlohmann::json runRecord = runJson(run);
+    runRecord.erase("record");
     const int failed = countFailed(records);
-    json << "{\n  \"run\": {\"platform\": " << jsonString(run.platform)
-         << ", \"tee\": " << jsonString(run.tee) << ", \"identity\": {";
-    for (size_t i = 0; i < run.identity.size(); ++i)
-        json << (i ? ", " : "") << jsonString(run.identity[i].first) << ": "
-             << jsonString(run.identity[i].second);
-    json << "}},\n  \"passed\": " << records.size() - failed << ",\n  \"failed\": " << failed
-         << ",\n  \"steps\": [";
-    const char* separator = "\n";
+    nlohmann::json report = {{"run", runRecord},
+                             {"passed", records.size() - static_cast<size_t>(failed)},
+                             {"failed", failed},
+                             {"steps", nlohmann::json::array()}};
     for (const StepRecord& record : records) {
-        const bool returned = record.outcome.end == StepOutcome::End::kReturned;
-        json << separator << "    {\"number\": " << record.step.entry->number
-             << ", \"name\": " << jsonString(record.step.name) << ", \"round\": " << record.round
-             << ", \"sends\": " << jsonString(sendsText(record.step))
-             << ", \"result\": " << (returned ? std::to_string(record.outcome.result) : "null")
-             << ", \"description\": " << jsonString(record.describe(timeoutSeconds))
-             << ", \"expected\": " << record.step.expected
-             << ", \"expectedWhy\": " << (record.step.why ? jsonString(record.step.why) : "null")
-             << ", \"verdict\": " << jsonString(record.verdict())
-             << ", \"seconds\": " << record.outcome.seconds << ", \"output\": [";
-        for (size_t i = 0; i < record.outcome.lines.size(); ++i)
-            json << (i ? ", " : "") << jsonString(record.outcome.lines[i]);
-        json << "]}";
-        separator = ",\n";
+        nlohmann::json step = stepRecord(record, timeoutSeconds);
+        step.erase("record");
+        step["description"] = record.describe(timeoutSeconds);
+        step["sends"] = sendsText(record.step);
+        step["expected"] = resultHex(static_cast<uint32_t>(record.step.expected));
+        step["expected_why"] = record.step.why ? nlohmann::json(record.step.why) : nullptr;
+        step["output"] = fitForReports(record.outcome.lines);
+        step["stderr"] = fitForReports(record.outcome.errLines);
+        report["steps"].push_back(std::move(step));
     }
-    json << "\n  ]\n}\n";
-    json.close();
-    return !json.fail();
+    return writeReport(path, report.dump(2) + "\n");
 }
 
 }  // namespace zel::tc

@@ -1,30 +1,43 @@
 #include "results_stream.h"
 
-#include <unistd.h>
-
-#include <climits>
-#include <cstdio>
-#include <ctime>
-
 #include "case_name.h"
+#include "interruption.h"
 #include "tee_names.h"
+#include "utf8_text.h"
+#include "uuid_arg.h"
 
 namespace zel::tc {
 
-nlohmann::json runMetadata() {
-    char host[HOST_NAME_MAX + 1] = {};
-    if (gethostname(host, sizeof host - 1) != 0) host[0] = '\0';
-    char started[32] = {};
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    gmtime_r(&now, &utc);
-    std::strftime(started, sizeof started, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return {{"record", "run"},
-            {"zel_tc_version", ZEL_TC_VERSION},
-            {"platform", ZEL_TC_PLATFORM},
-            {"hostname", host},
-            {"started_utc", started}};
+nlohmann::json runJson(const RunInfo& run) {
+    nlohmann::json record = {{"record", "run"},
+                             {"zel_tc_version", run.version},
+                             {"platform", run.platform},
+                             {"hostname", reportText(run.hostname)},
+                             {"started_utc", utcText(run.started)},
+                             {"tee", reportText(run.tee)},
+                             {"identity", nlohmann::json::object()}};
+    for (const auto& [name, value] : run.identity)
+        record["identity"][reportText(name)] = reportText(value);
+    if (run.interruptedBy) record["interrupted"] = interruption::signalName(run.interruptedBy);
+    return record;
 }
+
+namespace {
+
+// Only what the step reads, as case_name.h names it.
+nlohmann::json inputs(const Step& step) {
+    nlohmann::json read = nlohmann::json::object();
+    if (step.entry->takesArgument()) read["argument"] = step.input.argument;
+    if (readsTestData(*step.entry)) {
+        read["data_type"] = step.input.dataType;
+        read["index"] = step.input.index;
+        read["uuid"] = uuidText(step.input.uuid);
+    }
+    if (readsParam(*step.entry)) read["param"] = step.input.param;
+    return read;
+}
+
+}  // namespace
 
 nlohmann::json stepRecord(const StepRecord& record, unsigned timeoutSeconds) {
     const bool returned = record.outcome.end == StepOutcome::End::kReturned;
@@ -33,6 +46,8 @@ nlohmann::json stepRecord(const StepRecord& record, unsigned timeoutSeconds) {
                           {"step", record.step.name},
                           {"round", record.round},
                           {"number", record.step.entry->number},
+                          {"inputs", inputs(record.step)},
+                          {"started_utc", utcText(record.started)},
                           {"verdict", record.verdict()},
                           {"seconds", record.outcome.seconds},
                           {"result", nullptr},

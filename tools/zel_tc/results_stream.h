@@ -14,11 +14,12 @@
 namespace zel::tc {
 
 // What a run says about itself: zel-tc's version, the platform it was built for (host or device),
-// the machine's host name and the UTC time the run began. Callers add to it before opening.
-nlohmann::json runMetadata();
+// the machine's host name, the UTC time the run began, the TEE and the device's identity.
+nlohmann::json runJson(const RunInfo& run);
 
-// One step as a record: its case name, round, number, verdict, result (hex and GP name, null when
-// the step did not return), seconds, and for a hung or crashed step the reason.
+// One step as a record: its case name, round, number, the inputs it read, verdict, result (hex
+// and GP name, null when the step did not return), start and seconds, and for a step that did
+// not return the reason.
 nlohmann::json stepRecord(const StepRecord& record, unsigned timeoutSeconds);
 
 class ResultsStream {

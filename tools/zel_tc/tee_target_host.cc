@@ -1,6 +1,8 @@
 // The host build's side of the seam: the host TEE daemon.
 #include <cstdlib>
 
+#include <tee_client_api.h>
+
 #include "daemon_launcher.h"
 #include "tee_target.h"
 #include "vault_commands.h"
@@ -32,6 +34,12 @@ bool TeeTarget::open(const TeeTargetOptions& options, std::string& error) {
         held_->vaultd = options.vaultd;
         return restart(error);
     }
+    TEEC_Context context{};
+    if (TEEC_InitializeContext(where_.c_str(), &context) != TEEC_SUCCESS) {
+        error = "no TEE answers at " + where_;
+        return false;
+    }
+    TEEC_FinalizeContext(&context);
     // The TEE client library finds the default TEE here.
     setenv("ZEL_TEE_SOCKET", where_.c_str(), 1);
     return true;
@@ -43,7 +51,11 @@ bool TeeTarget::canRestart() const {
 
 bool TeeTarget::restart(std::string& error) {
     if (held_->daemon) held_->daemon->kill();  // it may be hung or dead: no clean stop to wait for
-    held_->daemon = vault::VaultDaemon::start({held_->vaultd, {}, false, {}}, error);
+    vault::VaultDaemon::Options launch;
+    launch.executable = held_->vaultd;
+    // Nothing zel-tc starts outlives it, however it ends.
+    launch.dieWithParent = true;
+    held_->daemon = vault::VaultDaemon::start(launch, error);
     if (!held_->daemon) return false;
     where_ = held_->daemon->socketPath();
     setenv("ZEL_TEE_SOCKET", where_.c_str(), 1);

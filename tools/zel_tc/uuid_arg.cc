@@ -1,6 +1,8 @@
 #include "uuid_arg.h"
 
 #include <cctype>
+#include <cstdio>
+#include <cstring>
 
 #include "interface/zel_ta_ids.h"
 
@@ -34,6 +36,18 @@ bool parseUuid(const std::string& text, TEEC_UUID& uuid) {
     uuid.timeHiAndVersion = static_cast<uint16_t>(bytes[6] << 8 | bytes[7]);
     for (int i = 0; i < 8; ++i) uuid.clockSeqAndNode[i] = bytes[8 + i];
     return true;
+}
+
+std::string uuidText(const TEEC_UUID& uuid) {
+    if (std::memcmp(&uuid, &zel_test, sizeof uuid) == 0) return "zel_test";
+    if (std::memcmp(&uuid, &zel_test_a, sizeof uuid) == 0) return "zel_test_a";
+    char text[40];
+    std::snprintf(text, sizeof text, "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
+                  uuid.timeLow, uuid.timeMid, uuid.timeHiAndVersion, uuid.clockSeqAndNode[0],
+                  uuid.clockSeqAndNode[1], uuid.clockSeqAndNode[2], uuid.clockSeqAndNode[3],
+                  uuid.clockSeqAndNode[4], uuid.clockSeqAndNode[5], uuid.clockSeqAndNode[6],
+                  uuid.clockSeqAndNode[7]);
+    return text;
 }
 
 }  // namespace zel::tc

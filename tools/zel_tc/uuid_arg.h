@@ -8,5 +8,7 @@
 namespace zel::tc {
 
 bool parseUuid(const std::string& text, TEEC_UUID& uuid);
+// "zel_test", "zel_test_a", or the UUID in its 8-4-4-4-12 form.
+std::string uuidText(const TEEC_UUID& uuid);
 
 }  // namespace zel::tc

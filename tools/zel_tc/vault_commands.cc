@@ -19,6 +19,7 @@
 #include "daemon_launcher.h"
 #include "hex_arg.h"
 #include "interface/zel_ta_ids.h"
+#include "number_option.h"
 #include "tee_names.h"
 #include "teec_wire.h"
 #include "uuid_arg.h"
@@ -249,10 +250,13 @@ int startVault(const LifecycleArguments& arguments) {
     options.control = !arguments.noControl;
     if (!arguments.storage.empty()) options.extraArguments = {"--storage", arguments.storage};
     options.ownSession = true;
+    // Detached: `out=$(zel-tc vault start ...)` and `... | tee log` return once it is ready.
+    options.logPath = arguments.socketPath() + ".log";
     std::string error;
     auto daemon = vault::VaultDaemon::start(options, error);
     if (!daemon) {
-        std::cerr << "zel-tc: vault start: " << error << std::endl;
+        std::cerr << "zel-tc: vault start: " << error << " (its log: " << options.logPath << ")"
+                  << std::endl;
         return 1;
     }
     const pid_t pid = daemon->release();
@@ -342,7 +346,9 @@ void addVaultCommands(CLI::App& app, int& exitCode) {
         if (verb.takesTarget) {
             sub->add_option("--uuid", arguments->uuid, "zel_test, zel_test_a or a UUID")
                 ->capture_default_str();
-            sub->add_option("--cmd", arguments->command, "Command id")->required();
+            sub->add_option("--cmd", arguments->command, "Command id")
+                ->required()
+                ->transform(decimalOrHex());
         }
         if (verb.takesFailure) {
             sub->add_option("--result", arguments->result, "Result name or number")
@@ -351,10 +357,13 @@ void addVaultCommands(CLI::App& app, int& exitCode) {
                 ->capture_default_str();
         }
         if (verb.takesDuration)
-            sub->add_option("--ms", arguments->milliseconds, "Milliseconds")->capture_default_str();
+            sub->add_option("--ms", arguments->milliseconds, "Milliseconds")
+                ->capture_default_str()
+                ->transform(decimalOrHex());
         if (verb.takesCount)
             sub->add_option("--count", arguments->count, "How many times; 0 until reset")
-                ->capture_default_str();
+                ->capture_default_str()
+                ->transform(decimalOrHex());
         if (verb.takesReply)
             sub->add_option("--reply", arguments->reply,
                             "The reply's fields in order: int:N uint:N blob:HEX")

@@ -1,0 +1,24 @@
+// number_arg.h's reading for CLI11 options, whose own would take "010" for octal eight.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+
+#include "number_arg.h"
+
+namespace zel::tc {
+
+// Reads the option's text as decimal or 0x-hex and hands CLI11 the value in decimal.
+inline CLI::Validator decimalOrHex() {
+    return CLI::Validator(
+        [](std::string& text) {
+            long long value = 0;
+            if (!parseNumber(text, value)) return "not a decimal or 0x-hex number: " + text;
+            text = std::to_string(value);
+            return std::string();
+        },
+        "NUMBER");
+}
+
+}  // namespace zel::tc
