@@ -221,8 +221,7 @@ int bench(BenchOptions& options) {
     printTable(benched);
 
     if (!options.json.empty()) {
-        nlohmann::json run = runMetadata();
-        run["tee"] = target.where();
+        nlohmann::json run = runJson(startRun(target.where()));
         run["count"] = options.count;
         run["seconds"] = options.seconds;
         std::ofstream out(options.json, std::ios::trunc);
