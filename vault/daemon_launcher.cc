@@ -124,6 +124,10 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     UniqueFd log;
     if (!options.logPath.empty()) {
+        // The log lies beside the socket, whose folder the daemon makes (private) only later.
+        const std::string folder = options.logPath.substr(0, options.logPath.find_last_of('/'));
+        if (options.logPath.find('/') != std::string::npos && !folder.empty())
+            mkdir(folder.c_str(), 0700);
         log.reset(open(options.logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
         if (!log) {
             error = "cannot write " + options.logPath + ": " + std::strerror(errno);
