@@ -3,7 +3,9 @@
 
 #include <cstring>
 
+#include "fuzz_table.h"
 #include "interface/zel_ta_ids.h"
+#include "number_arg.h"
 #include "tee_names.h"
 #include "teec_wire.h"
 #include "uuid_arg.h"
@@ -48,8 +50,35 @@ TEST(ArgumentsTest, ResultsAndOriginsByNameOrNumber) {
     for (const char* bad : {"", "-1", "0x100000000", "12abc", "ERROR_BUSY"})
         EXPECT_FALSE(zel::tc::parseResult(bad, value)) << bad;
 
+    // A leading zero is no octal: "010" is ten wherever zel-tc reads a number.
+    ASSERT_TRUE(zel::tc::parseResult("010", value));
+    EXPECT_EQ(value, 10u);
+    ASSERT_TRUE(zel::tc::parseOrigin("04", value));
+    EXPECT_EQ(value, TEEC_ORIGIN_TRUSTED_APP);
+    const zel::tc::fuzz::CommandSpec* command = zel::tc::fuzz::findCommand("010");
+    ASSERT_NE(command, nullptr);
+    EXPECT_EQ(command->id, 10u);
+
     EXPECT_EQ(zel::tc::describeResult(0xFFFF0008), "0xFFFF0008 TEEC_ERROR_ITEM_NOT_FOUND");
     EXPECT_EQ(zel::tc::describeResult(0x00000104), "0x00000104");
+}
+
+TEST(ArgumentsTest, NumbersAreDecimalOrHexOverTheirWholeRange) {
+    unsigned long long wide = 0;
+    ASSERT_TRUE(zel::tc::parseUnsigned("18446744073709551615", wide));
+    EXPECT_EQ(wide, 18446744073709551615ull);
+    ASSERT_TRUE(zel::tc::parseUnsigned("0XFFFFFFFFFFFFFFFF", wide));
+    EXPECT_EQ(wide, 18446744073709551615ull);
+    ASSERT_TRUE(zel::tc::parseUnsigned("0007", wide));
+    EXPECT_EQ(wide, 7u);
+    long long number = 0;
+    ASSERT_TRUE(zel::tc::parseNumber("-0x80000000", INT32_MIN, INT32_MAX, number));
+    EXPECT_EQ(number, INT32_MIN);
+    for (const char* bad : {"", "-", "0x", "18446744073709551616", "-1", "+1", " 1", "1 ", "0b1"})
+        EXPECT_FALSE(zel::tc::parseUnsigned(bad, wide)) << bad;
+    for (const char* bad : {"9223372036854775808", "--1", "-0x", "08x"})
+        EXPECT_FALSE(zel::tc::parseNumber(bad, number)) << bad;
+    EXPECT_FALSE(zel::tc::parseNumber("2147483648", INT32_MIN, INT32_MAX, number));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 #include "bench_report.h"
 #include "catalogue.h"
 #include "interface/zel_ta_ids.h"
+#include "number_arg.h"
 #include "results_stream.h"
 #include "step_runner.h"
 #include "tee_target.h"
@@ -55,11 +56,8 @@ void say(const std::string& text) {
 }
 
 bool commandId(const std::string& text, uint32_t& id) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long long value = std::strtoull(text.c_str(), &end, 0);
-    if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || value > UINT32_MAX)
-        return false;
+    unsigned long long value = 0;
+    if (!parseUnsigned(text, value) || value > UINT32_MAX) return false;
     id = static_cast<uint32_t>(value);
     return true;
 }

@@ -143,7 +143,8 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
     CLI::App* fuzz = app.add_subcommand(
         "fuzz", "Fuzz the TAs' commands; exit 1 with reproducers when something is found");
     fuzz->add_option("--seed", fuzzOptions->campaign.seed, "Seed of the generator")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->transform(unsignedDecimalOrHex());
     fuzz->add_option("--runs", fuzzOptions->campaign.runs, "Stop after this many sequences")
         ->transform(decimalOrHex());
     fuzz->add_option("--seconds", fuzzOptions->campaign.seconds, "Stop after this many seconds");

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "interface/zel_ta_ids.h"
+#include "number_arg.h"
 #include "uuid_arg.h"
 
 namespace zel::tc::fuzz {
@@ -23,8 +24,8 @@ const ReplyField kAnyBuffer{ReplyKind::kSized, 0, 1};
 std::vector<CommandSpec> makeTable() {
     using namespace zel::cmd;
     const Ta v = Ta::kVault, sp = Ta::kSecureProcessor;
-    const std::vector<RequestField> aes = {kIndexField, option(1), option(32), option(1),
-                                           kIvField,    kDataField};
+    const std::vector<RequestField> aes = {kIndexField, option(1), option(32),
+                                           option(1),   kIvField,  kDataField};
     return {
         {v, zel_put, "", {kIndexField, kDataField}, {}},
         {v, zel_get, "", {kIndexField}, {kAnyBuffer}},
@@ -32,16 +33,27 @@ std::vector<CommandSpec> makeTable() {
         {v, zel_deleteKey, "", {kIndexField}, {}},
         {v, zel_checkDataExistence, "", {kIndexField, option(0)}, {}},
         {v, zel_storeKey, "", {kIndexField, option(6), {FieldKind::kSized, Role::kAesKey}}, {}},
-        {v, zel_getCMACwithHubToken, "", {kIndexField, option(1), kDataField},
+        {v,
+         zel_getCMACwithHubToken,
+         "",
+         {kIndexField, option(1), kDataField},
          {{ReplyKind::kSized, 16}}},
         {v, zel_ecdsaCreateSignature, "", {kIndexField, option(1), kDataField}, {kAnyBuffer}},
-        {v, zel_decryptByKey, "",
-         {kIndexField, kIndexField, option(1), option(2), option(1), kDataField}, {}},
-        {v, zel_decryptHubToken, "",
+        {v,
+         zel_decryptByKey,
+         "",
+         {kIndexField, kIndexField, option(1), option(2), option(1), kDataField},
+         {}},
+        {v,
+         zel_decryptHubToken,
+         "",
          {kIndexField, kIndexField, kDataField, kIvField, {FieldKind::kSized, Role::kPublicKey}},
          {}},
         {v, zel_getHash, "", {kIndexField, option(0)}, {{ReplyKind::kSized, 32}}},
-        {v, zel_genAuthKey, "", {kIndexField, {FieldKind::kSized, Role::kPublicKey}},
+        {v,
+         zel_genAuthKey,
+         "",
+         {kIndexField, {FieldKind::kSized, Role::kPublicKey}},
          {{ReplyKind::kSized, 32}}},
         {v, zel_getHubID, "", {kIndexField}, {{ReplyKind::kSized, 16}}},
         {v, zel_getCmacKey, "", {kIndexField}, {{ReplyKind::kSized, 16}, {ReplyKind::kSized, 16}}},
@@ -51,8 +63,7 @@ std::vector<CommandSpec> makeTable() {
         {v, zel_compareData, "", {kIndexField, kDataField}, {}},
         {v, zel_generateKey, "", {kIndexField, option(2)}, {}},
         {v, zel_getSlotInfo, "", {kIndexField}, {{ReplyKind::kInt}, {ReplyKind::kUint}}},
-        {sp, ze_updateFW, "", {kParamField},
-         {{ReplyKind::kBlob, 8}, kAnyBuffer, kAnyBuffer}},
+        {sp, ze_updateFW, "", {kParamField}, {{ReplyKind::kBlob, 8}, kAnyBuffer, kAnyBuffer}},
         {sp, ze_getFWInfo, "", {}, {{ReplyKind::kSized, 0, 4}}},
         {sp, zel_checkZelAk, "", {{FieldKind::kSized, Role::kAkText}}, {}},
         {sp, zel_akProvision, "", {{FieldKind::kSized, Role::kAkText}}, {}},
@@ -104,9 +115,8 @@ const CommandSpec* findCommand(Ta ta, uint32_t id) {
 const CommandSpec* findCommand(const std::string& text) {
     for (const CommandSpec& row : commandTable())
         if (text == row.name || "zel_" + text == row.name || "ze_" + text == row.name) return &row;
-    char* end = nullptr;
-    const unsigned long id = std::strtoul(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0') return nullptr;
+    unsigned long long id = 0;
+    if (!parseUnsigned(text, id) || id > UINT32_MAX) return nullptr;
     for (Ta ta : {Ta::kVault, Ta::kSecureProcessor})
         if (const CommandSpec* row = findCommand(ta, static_cast<uint32_t>(id))) return row;
     return nullptr;

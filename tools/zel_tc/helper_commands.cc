@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "hex_arg.h"
+#include "number_arg.h"
 #include "zel_tc_lib.h"
 
 namespace zel::tc {
@@ -16,9 +17,8 @@ namespace {
 using Arguments = std::vector<std::string>;
 
 bool int32Of(const std::string& text, int32_t& value) {
-    char* end = nullptr;
-    const long long number = std::strtoll(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0' || number < INT32_MIN || number > INT32_MAX) return false;
+    long long number = 0;
+    if (!parseNumber(text, INT32_MIN, INT32_MAX, number)) return false;
     value = static_cast<int32_t>(number);
     return true;
 }

@@ -10,9 +10,9 @@
 
 namespace zel::tc {
 
-inline bool parseNumber(const std::string& text, long long& value) {
-    const bool negative = !text.empty() && text[0] == '-';
-    std::string digits = text.substr(negative ? 1 : 0);
+// Without a sign: the whole range of 64 bits (a seed, say).
+inline bool parseUnsigned(const std::string& text, unsigned long long& value) {
+    std::string digits = text;
     int base = 10;
     if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) {
         base = 16;
@@ -24,8 +24,16 @@ inline bool parseNumber(const std::string& text, long long& value) {
                          : std::isdigit(static_cast<unsigned char>(c))))
             return false;
     errno = 0;
-    const unsigned long long magnitude = std::strtoull(digits.c_str(), nullptr, base);
-    if (errno == ERANGE || magnitude > static_cast<unsigned long long>(LLONG_MAX)) return false;
+    value = std::strtoull(digits.c_str(), nullptr, base);
+    return errno != ERANGE;
+}
+
+inline bool parseNumber(const std::string& text, long long& value) {
+    const bool negative = !text.empty() && text[0] == '-';
+    unsigned long long magnitude = 0;
+    if (!parseUnsigned(text.substr(negative ? 1 : 0), magnitude) ||
+        magnitude > static_cast<unsigned long long>(LLONG_MAX))
+        return false;
     value = negative ? -static_cast<long long>(magnitude) : static_cast<long long>(magnitude);
     return true;
 }

@@ -21,4 +21,16 @@ inline CLI::Validator decimalOrHex() {
         "NUMBER");
 }
 
+// The same for a 64-bit unsigned option.
+inline CLI::Validator unsignedDecimalOrHex() {
+    return CLI::Validator(
+        [](std::string& text) {
+            unsigned long long value = 0;
+            if (!parseUnsigned(text, value)) return "not a decimal or 0x-hex number: " + text;
+            text = std::to_string(value);
+            return std::string();
+        },
+        "NUMBER");
+}
+
 }  // namespace zel::tc

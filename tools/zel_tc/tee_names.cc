@@ -1,4 +1,5 @@
 #include "tee_names.h"
+#include "number_arg.h"
 
 #include <tee_client_api.h>
 
@@ -56,10 +57,8 @@ bool parseNamed(const Named (&table)[N], const std::string& prefix, const std::s
             return true;
         }
     }
-    if (text.empty()) return false;
-    char* end = nullptr;
-    const unsigned long long number = std::strtoull(text.c_str(), &end, 0);
-    if (*end != '\0' || text[0] == '-' || number > 0xFFFFFFFFull) return false;
+    unsigned long long number = 0;
+    if (!parseUnsigned(text, number) || number > 0xFFFFFFFFull) return false;
     value = static_cast<uint32_t>(number);
     return true;
 }

@@ -57,11 +57,10 @@ bool parseReply(const std::string& text, std::vector<uint8_t>& message) {
         const size_t colon = field.find(':');
         if (colon == std::string::npos) return false;
         const std::string kind = field.substr(0, colon), value = field.substr(colon + 1);
-        char* end = nullptr;
         bool written = false;
         if (kind == "int" || kind == "uint") {
-            const long long number = std::strtoll(value.c_str(), &end, 0);
-            if (value.empty() || *end != '\0') return false;
+            long long number = 0;
+            if (!parseNumber(value, INT32_MIN, UINT32_MAX, number)) return false;
             written = kind == "int" ? writer.putInt(static_cast<int32_t>(number))
                                     : writer.putUint(static_cast<uint32_t>(number));
         } else if (kind == "blob") {
@@ -155,14 +154,9 @@ void appendWord(std::vector<uint8_t>& bytes, uint32_t word) {
 bool readWords(const std::string& text, std::vector<uint8_t>& value) {
     std::istringstream list(text);
     for (std::string item; std::getline(list, item, ',');) {
-        try {
-            size_t used = 0;
-            const long long number = std::stoll(item, &used, 0);
-            if (used != item.size() || number < INT32_MIN || number > UINT32_MAX) return false;
-            appendWord(value, static_cast<uint32_t>(number));
-        } catch (const std::exception&) {
-            return false;
-        }
+        long long number = 0;
+        if (!parseNumber(item, INT32_MIN, UINT32_MAX, number)) return false;
+        appendWord(value, static_cast<uint32_t>(number));
     }
     return true;
 }
