@@ -87,7 +87,8 @@ TEEC_Result checkAkKeyText(const Bytes& key) {
 
 TaResult SecureProcessorTa::invoke(uint32_t command, TaOperation& operation) {
     if (!isOneBlock(operation)) return {TEEC_ERROR_BAD_PARAMETERS, TEEC_ORIGIN_TRUSTED_APP};
-    if (const auto planted = plantedFault(PlantedTa::kSecureProcessor, command, operation.params[0]))
+    if (const auto planted =
+            plantedFault(PlantedTa::kSecureProcessor, command, operation.params[0]))
         return *planted;
     return dispatch(*this, kHandlers, command, operation.params[0]);
 }

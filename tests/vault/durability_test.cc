@@ -64,7 +64,8 @@ class DurabilityTest : public testing::Test {
 
 Bytes dataFor(int slot, int version) {
     Bytes data(1 + (slot * 131 + version * 17) % 3000);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(slot + version + i);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<unsigned char>(slot + version + i);
     return data;
 }
 

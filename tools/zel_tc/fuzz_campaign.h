@@ -19,8 +19,8 @@ using Restart = std::function<bool(std::string& error)>;
 
 struct CampaignOptions {
     uint64_t seed = 1;
-    uint64_t runs = 0;     // sequences; 0: no bound
-    double seconds = 0;    // 0: no bound
+    uint64_t runs = 0;                         // sequences; 0: no bound
+    double seconds = 0;                        // 0: no bound
     std::vector<const CommandSpec*> commands;  // empty: all
     unsigned timeoutMs = 2000;
     std::string outDir = "zel-tc-findings";
@@ -31,9 +31,9 @@ struct CampaignOptions {
 struct FindingRecord {
     Reproducer reproducer;
     double secondsToFind = 0;
-    size_t callsSeen = 0;   // before minimizing
+    size_t callsSeen = 0;  // before minimizing
     bool minimized = false;
-    std::string file;       // empty when it could not be written
+    std::string file;  // empty when it could not be written
 };
 
 struct CampaignSummary {

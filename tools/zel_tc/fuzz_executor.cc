@@ -70,7 +70,8 @@ std::string replyBreak(TEEC_SharedMemory& block, const CommandSpec& spec) {
                     return where + "length " + std::to_string(integer);
                 length = static_cast<unsigned int>(integer);
                 break;
-            case ReplyKind::kBlob: break;
+            case ReplyKind::kBlob:
+                break;
         }
         if (!codec.GetBlob(length))
             return where + "no Blob of the " + std::to_string(length) + " bytes announced";
@@ -107,7 +108,7 @@ struct Executor::Worker {
     std::function<void()> job;
     bool done = false;
     bool quit = false;
-    bool abandoned = false;  // the caller gave up on the job: it writes nothing more
+    bool abandoned = false;               // the caller gave up on the job: it writes nothing more
     std::atomic<int64_t> callStarted{0};  // ms; 0 while no TEE call is under way
     std::atomic<size_t> currentCall{0};
     std::thread thread;
@@ -212,8 +213,12 @@ struct Executor::Worker {
                                             TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin);
                 });
                 if (opened != TEEC_SUCCESS) {
-                    verdict = {FindingKind::kSessionLost, i, opened, origin,
-                               std::string("no session to ") + taName(call.ta), verdict.callsRun};
+                    verdict = {FindingKind::kSessionLost,
+                               i,
+                               opened,
+                               origin,
+                               std::string("no session to ") + taName(call.ta),
+                               verdict.callsRun};
                     break;
                 }
                 open[ta] = true;
@@ -242,7 +247,11 @@ struct Executor::Worker {
                 open[ta] = false;
         }
         for (int ta = 0; ta < 2; ++ta)
-            if (open[ta]) timed([&] { TEEC_CloseSession(&sessions[ta]); return 0; });
+            if (open[ta])
+                timed([&] {
+                    TEEC_CloseSession(&sessions[ta]);
+                    return 0;
+                });
         if (verdict.kind != FindingKind::kNone || !checkSessions) return verdict;
         for (int ta = 0; ta < 2; ++ta) {
             if (!used[ta]) continue;
@@ -254,11 +263,17 @@ struct Executor::Worker {
                                         TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin);
             });
             if (opened != TEEC_SUCCESS)
-                return {FindingKind::kSessionLost, sequence.size(), opened, origin,
+                return {FindingKind::kSessionLost,
+                        sequence.size(),
+                        opened,
+                        origin,
                         std::string("no session to ") + taName(static_cast<Ta>(ta)) +
                             " after the commands",
                         verdict.callsRun};
-            timed([&] { TEEC_CloseSession(&session); return 0; });
+            timed([&] {
+                TEEC_CloseSession(&session);
+                return 0;
+            });
         }
         return verdict;
     }

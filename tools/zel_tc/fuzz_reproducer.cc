@@ -115,8 +115,8 @@ bool parseReproducer(const std::string& text, Reproducer& r, std::string& error)
     while (std::getline(in, line)) {
         ++number;
         if (number == 1) {
-            if (line != kMagic) return fail("not a zel-tc reproducer (expected \"" +
-                                            std::string(kMagic) + "\")");
+            if (line != kMagic)
+                return fail("not a zel-tc reproducer (expected \"" + std::string(kMagic) + "\")");
             continue;
         }
         if (line.empty()) continue;
@@ -148,7 +148,8 @@ bool parseReproducer(const std::string& text, Reproducer& r, std::string& error)
             call.id = static_cast<uint32_t>(value);
             for (std::string word; words >> word;) {
                 Field field;
-                if (!parseField(word, field)) return fail("bad field \"" + word.substr(0, 40) + "\"");
+                if (!parseField(word, field))
+                    return fail("bad field \"" + word.substr(0, 40) + "\"");
                 call.fields.push_back(std::move(field));
             }
             r.calls.push_back(std::move(call));

@@ -16,9 +16,9 @@ namespace zel::tc::fuzz {
 struct Field {
     enum class Type : uint8_t { kInt, kUint, kBlob };
     Type type = Type::kInt;
-    uint32_t value = 0;  // kInt: the bits of the int32_t; kUint: the value
+    uint32_t value = 0;          // kInt: the bits of the int32_t; kUint: the value
     std::vector<uint8_t> bytes;  // kBlob
-    bool fill = false;  // kBlob: grow to the largest size the block still takes when sent
+    bool fill = false;           // kBlob: grow to the largest size the block still takes when sent
 
     static Field integer(int32_t v) { return {Type::kInt, static_cast<uint32_t>(v), {}, false}; }
     static Field unsignedInt(uint32_t v) { return {Type::kUint, v, {}, false}; }

@@ -68,8 +68,9 @@ int32_t query(const IdentityOptions& options, std::string& payload) {
     if (options.firmwareVersions) {
         std::string system, app;
         ZelResult result{};
-        const bool read = CaZelInterfaceSp(zel_test_a)
-                              .ze_updateFW(options.updateParam, system, app, &result) == 0;
+        const bool read =
+            CaZelInterfaceSp(zel_test_a).ze_updateFW(options.updateParam, system, app, &result) ==
+            0;
         add(payload, "ta.system_version", read ? orUnavailable(system) : kUnavailable);
         add(payload, "ta.app_version", read ? orUnavailable(app) : kUnavailable);
     }
@@ -88,9 +89,9 @@ RunIdentity readRunIdentity(const IdentityOptions& options) {
         identity.emplace_back("ta.system_version", kUnavailable);
         identity.emplace_back("ta.app_version", kUnavailable);
     }
-    const StepOutcome outcome = runIsolated(
-        [&options](std::string& payload) { return query(options, payload); },
-        options.timeoutSeconds, Echo::kOff);
+    const StepOutcome outcome =
+        runIsolated([&options](std::string& payload) { return query(options, payload); },
+                    options.timeoutSeconds, Echo::kOff);
     std::istringstream lines(outcome.payload);
     for (std::string line; std::getline(lines, line);) {
         const size_t equals = line.find('=');
