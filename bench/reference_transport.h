@@ -12,8 +12,8 @@
 
 namespace zel::bench {
 
-// A reference server in a child process of its own, serving one connection at a time on the
-// thread that accepted it. Stops (SIGKILL, reaped) and removes its socket on destruction.
+// A reference server in a child process of its own, serving each connection on the thread that
+// accepted it, from a fixed set of threads all waiting in accept. Stops (SIGKILL, reaped) and removes its socket on destruction.
 class ReferenceServer {
   public:
     ReferenceServer() = default;

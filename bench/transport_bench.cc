@@ -13,6 +13,7 @@
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <sched.h>
@@ -121,7 +122,8 @@ double processCpuSeconds(pid_t pid) {
 
 // clients processes run whole commands, all starting together, each for `seconds` or until it
 // has made `each` commands (0: no count).
-ClientRun runClients(int clients, double seconds, uint64_t each) {
+template <typename Command>
+ClientRun runClients(int clients, double seconds, uint64_t each, Command&& command) {
     if (seconds <= 0 && each == 0) return {};  // nothing asked for; never an endless run
     int start[2], results[2];
     if (pipe(start) != 0 || pipe(results) != 0) return {};
@@ -142,7 +144,7 @@ ClientRun runClients(int clients, double seconds, uint64_t each) {
             while ((each == 0 || counts[0] + counts[1] < each) &&
                    (seconds <= 0 || nowSeconds() < deadline)) {
                 log.str({});
-                const bool passed = projectWholeCommand();
+                const bool passed = command();
                 if (!passed && counts[1] == 0)
                     std::cerr << "transport_bench: a client's command failed:\n" << log.str();
                 ++counts[passed ? 0 : 1];
@@ -294,21 +296,31 @@ int main(int argc, char** argv) {
 
     std::fflush(stdout);
     const int counts[] = {1, 2, 4, 8, 32};
-    std::vector<double> perSecond;
+    // The floor's own scaling in the same run: what the machine allows concurrent clients.
+    std::vector<double> perSecond, floorPerSecond;
     bool throughputFailed = false;
-    std::printf("\n%-10s %12s %8s %14s %10s\n", "clients", "commands/s", "x one", "CPU us/command",
-                "CPUs busy");
+    std::printf("\n%-8s %11s %6s %8s %13s %6s %8s %6s\n", "clients", "floor cmd/s", "x one",
+                "CPU us", "project cmd/s", "x one", "CPU us", "CPUs");
     for (int clients : counts) {
-        const double daemonCpu = processCpuSeconds(daemon->pid());
-        const ClientRun run = runClients(clients, throughputSeconds, 0);
-        const double cpu = run.clientCpuSeconds + processCpuSeconds(daemon->pid()) - daemonCpu;
-        perSecond.push_back(static_cast<double>(run.commands) / run.seconds);
-        throughputFailed |= run.failures != 0;
-        // CPU per command shows whether one client already keeps the machine busy.
-        std::printf("%-10d %12.0f %8.2f %14.1f %10.2f%s\n", clients, perSecond.back(),
-                    perSecond.back() / perSecond.front(),
-                    run.commands ? cpu / static_cast<double>(run.commands) * 1e6 : 0,
-                    cpu / run.seconds, run.failures ? "  FAILURES" : "");
+        const auto measure = [&](pid_t server, auto&& command, std::vector<double>& rates) {
+            const double serverCpu = processCpuSeconds(server);
+            const ClientRun run = runClients(clients, throughputSeconds, 0, command);
+            const double cpu = run.clientCpuSeconds + processCpuSeconds(server) - serverCpu;
+            rates.push_back(static_cast<double>(run.commands) / run.seconds);
+            throughputFailed |= run.failures != 0;
+            return std::tuple{run.commands ? cpu / static_cast<double>(run.commands) * 1e6 : 0,
+                              cpu / run.seconds, run.failures != 0};
+        };
+        const auto [floorCpu, floorBusy, floorFailed] = measure(
+            reference.pid(), [&] { return zel::bench::referenceWholeCommand(floorSocket); },
+            floorPerSecond);
+        const auto [cpu, busy, failed] = measure(daemon->pid(), projectWholeCommand, perSecond);
+        // CPU per command (clients and server) shows what a command costs once the clients
+        // contend for the CPUs; CPUs shows how busy the project kept the machine.
+        std::printf("%-8d %11.0f %6.2f %8.1f %13.0f %6.2f %8.1f %6.2f%s\n", clients,
+                    floorPerSecond.back(), floorPerSecond.back() / floorPerSecond.front(), floorCpu,
+                    perSecond.back(), perSecond.back() / perSecond.front(), cpu, busy,
+                    floorFailed || failed ? "  FAILURES" : "");
     }
 
     const pid_t pid = daemon->pid();
@@ -320,7 +332,7 @@ int main(int argc, char** argv) {
         fdsBefore = openDescriptors(pid);
     }
     const long rssBefore = residentKib(pid);
-    const ClientRun soak = runClients(2, 0, soakCommands / 2);
+    const ClientRun soak = runClients(2, 0, soakCommands / 2, projectWholeCommand);
     // The last connections end a moment after their clients do; a leak would outlast this.
     int fdsAfter = openDescriptors(pid);
     for (int i = 0; i < 20 && fdsAfter > fdsBefore; ++i) {
@@ -333,13 +345,24 @@ int main(int argc, char** argv) {
         static_cast<unsigned long long>(soak.commands), soak.seconds, rssBefore, rssAfter,
         rssAfter - rssBefore, fdsBefore, fdsAfter, soak.failures ? "  FAILURES" : "");
 
-    double worstScaling = 1e9;
-    for (size_t i = 1; i < perSecond.size(); ++i)
-        worstScaling = std::min(worstScaling, perSecond[i] / perSecond.front());
+    // Scaling is judged against one client's rate, and against the floor's at the same count:
+    // where the floor itself does not scale, no server can.
+    double worstScaling = 1e9, floorWorstScaling = 1e9, worstToFloor = 1e9;
+    for (size_t i = 0; i < perSecond.size(); ++i) {
+        if (i > 0) {
+            worstScaling = std::min(worstScaling, perSecond[i] / perSecond.front());
+            floorWorstScaling =
+                std::min(floorWorstScaling, floorPerSecond[i] / floorPerSecond.front());
+        }
+        if (floorPerSecond[i] > 0)
+            worstToFloor = std::min(worstToFloor, perSecond[i] / floorPerSecond[i]);
+    }
     std::printf(
-        "\ntargets: whole <= 1.3x floor %s; invoke <= 1.1x floor %s; >=2 clients >= 1.7x one %s;"
+        "\ntargets: whole <= 1.3x floor %s; invoke <= 1.1x floor %s; >=2 clients >= 1.7x one %s"
+        " (worst x%.2f; the floor's x%.2f); every client count >= floor/1.3 %s (worst %.2f);"
         " RSS growth <= 1 MiB %s; descriptors flat %s\n",
         verdict(whole.ratio() <= 1.3), verdict(invoke.ratio() <= 1.1), verdict(worstScaling >= 1.7),
+        worstScaling, floorWorstScaling, verdict(worstToFloor >= 1 / 1.3), worstToFloor,
         verdict(rssAfter - rssBefore <= 1024), verdict(fdsAfter <= fdsBefore));
 
     std::printf(
@@ -351,6 +374,9 @@ int main(int argc, char** argv) {
         invoke.floorUs, invoke.projectUs, invoke.ratio(), invoke.lowRatio, invoke.highRatio);
     for (size_t i = 0; i < perSecond.size(); ++i)
         std::printf("%s\"%d\":%.0f", i ? "," : "", counts[i], perSecond[i]);
+    std::printf("},\"floor_commands_per_s\":{");
+    for (size_t i = 0; i < floorPerSecond.size(); ++i)
+        std::printf("%s\"%d\":%.0f", i ? "," : "", counts[i], floorPerSecond[i]);
     std::printf(
         "},\"daemon\":{\"commands\":%llu,\"rss_kib_before\":%ld,\"rss_kib_after\":%ld,"
         "\"fds_before\":%d,\"fds_after\":%d}}\n",

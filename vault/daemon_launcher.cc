@@ -164,6 +164,9 @@ std::unique_ptr<VaultDaemon> VaultDaemon::start(const Options& options, std::str
                                           : " did not get ready");
         return nullptr;  // the destructor stops whatever is left
     }
+    // It closes the pipe right after saying so; once it has, the daemon holds nothing of ours.
+    do polled = poll(&ready, 1, kReadyTimeoutMs);
+    while ((polled < 0 && errno == EINTR) || (polled > 0 && read(readyRead.get(), line, 1) > 0));
     return daemon;
 }
 

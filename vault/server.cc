@@ -109,16 +109,16 @@ void Server::run(int stopFd) {
 void Server::work(Worker& self) {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        // Past the idle reserve a thread ends, whether it has served (the end of a burst) or was
-        // started for a lead that another thread took meanwhile; the lead it might owe goes on.
-        if (idle_ >= kIdleThreads && !self.resident) {
-            if (!leading_) followers_.notify_one();
-            break;
-        }
+        // Past the idle reserve a thread lingers a moment, so that a burst of connections reuses
+        // it instead of ending and starting threads by the hundred, then ends. The lead is taken
+        // by whichever idle thread wakes first, reserve or lingering.
+        const bool surplus = idle_ >= kIdleThreads && !self.resident;
+        const auto mayLead = [this] { return stopping_ || !leading_; };
         ++idle_;
-        followers_.wait(lock, [this] { return stopping_ || !leading_; });
+        const bool leads = surplus ? followers_.wait_for(lock, kLinger, mayLead)
+                                   : (followers_.wait(lock, mayLead), true);
         --idle_;
-        if (stopping_) break;
+        if (stopping_ || !leads) break;
         leading_ = true;
         lock.unlock();
         UniqueFd connection = acceptNext();

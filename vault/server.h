@@ -5,11 +5,12 @@
 // thread alone, start to end: a client that stalls, or stops reading, holds up only itself.
 //
 // A connection that ends is reaped at once (its descriptor closed, its tables unmapped); past
-// kIdleThreads idle threads, a thread ends with its connection. A connection that cannot be
+// kIdleThreads idle threads, a thread that stays idle for kLinger ends. A connection that cannot be
 // given a leader to follow it (no thread) or is past the limit is closed alone; at the descriptor
 // limit the leader waits for a connection to end (or a moment) instead of spinning.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <list>
@@ -31,6 +32,8 @@ class Server {
     static constexpr size_t kReservedDescriptors = 32;
     // Idle threads kept for the connections to come.
     static constexpr size_t kIdleThreads = 8;
+    // How long a thread past that reserve waits for another connection before it ends.
+    static constexpr std::chrono::milliseconds kLinger{1000};
 
     Server(std::string socketPath, const TaRegistry& registry, FaultPlan& faults);
     ~Server();
