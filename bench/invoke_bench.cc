@@ -13,11 +13,11 @@ namespace {
 
 // The library logs a line per connection; keep stdout for the benchmark's own report.
 class QuietStdout {
-public:
+  public:
     QuietStdout() : saved_(std::cout.rdbuf(nullptr)) {}
     ~QuietStdout() { std::cout.rdbuf(saved_); }
 
-private:
+  private:
     std::streambuf* saved_;
 };
 

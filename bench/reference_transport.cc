@@ -21,8 +21,6 @@ namespace zel::bench {
 namespace {
 
 constexpr size_t kBlockSize = 8192;  // the library's block
-// Enough for the most concurrent clients the benchmark runs, each served as soon as it connects.
-constexpr int kServerThreads = 40;
 
 sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
@@ -79,8 +77,8 @@ void serveOne(int connection) {
 
 // Every thread waits in accept itself: the kernel hands each connection to exactly one of them,
 // with nothing handed between threads and no thread started per connection.
-[[noreturn]] void serveForever(int listener) {
-    for (int i = 1; i < kServerThreads; ++i) std::thread(acceptForever, listener).detach();
+[[noreturn]] void serveForever(int listener, int threads) {
+    for (int i = 1; i < threads; ++i) std::thread(acceptForever, listener).detach();
     acceptForever(listener);
 }
 
@@ -95,7 +93,7 @@ ReferenceServer::~ReferenceServer() {
     if (!directory_.empty()) rmdir(directory_.c_str());
 }
 
-bool ReferenceServer::start(std::string& error) {
+bool ReferenceServer::start(int threads, std::string& error) {
     const char* tmp = std::getenv("TMPDIR");
     directory_ = std::string(tmp && *tmp ? tmp : "/tmp") + "/zel-floor-XXXXXX";
     if (!mkdtemp(directory_.data())) {
@@ -114,7 +112,7 @@ bool ReferenceServer::start(std::string& error) {
         return false;
     }
     pid_ = fork();
-    if (pid_ == 0) serveForever(listener);
+    if (pid_ == 0) serveForever(listener, threads);
     ::close(listener);
     if (pid_ < 0) {
         error = std::string("fork: ") + std::strerror(errno);

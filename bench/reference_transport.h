@@ -13,7 +13,9 @@
 namespace zel::bench {
 
 // A reference server in a child process of its own, serving each connection on the thread that
-// accepted it, from a fixed set of threads all waiting in accept. Stops (SIGKILL, reaped) and removes its socket on destruction.
+// accepted it, from a fixed set of threads all waiting in accept: one for a lone client's floor,
+// as many as the clients for concurrent ones. Stops (SIGKILL, reaped) and removes its socket on
+// destruction.
 class ReferenceServer {
   public:
     ReferenceServer() = default;
@@ -22,7 +24,7 @@ class ReferenceServer {
     ReferenceServer& operator=(const ReferenceServer&) = delete;
 
     // False with a message when the socket or the child cannot be had.
-    bool start(std::string& error);
+    bool start(int threads, std::string& error);
     const std::string& socketPath() const { return socketPath_; }
     pid_t pid() const { return pid_; }
 
