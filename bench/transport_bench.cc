@@ -354,24 +354,22 @@ int main(int argc, char** argv) {
         static_cast<unsigned long long>(soak.commands), soak.seconds, rssBefore, rssAfter,
         rssAfter - rssBefore, fdsBefore, fdsAfter, soak.failures ? "  FAILURES" : "");
 
-    // Scaling is judged against one client's rate, and against the floor's at the same count:
-    // where the floor itself does not scale, no server can.
+    // Scaling is judged against one client's rate, and against the floor's own scaling at the
+    // same count: where the floor itself does not scale, no server can.
     double worstScaling = 1e9, floorWorstScaling = 1e9, worstToFloor = 1e9;
-    for (size_t i = 0; i < perSecond.size(); ++i) {
-        if (i > 0) {
-            worstScaling = std::min(worstScaling, perSecond[i] / perSecond.front());
-            floorWorstScaling =
-                std::min(floorWorstScaling, floorPerSecond[i] / floorPerSecond.front());
-        }
-        if (floorPerSecond[i] > 0)
-            worstToFloor = std::min(worstToFloor, perSecond[i] / floorPerSecond[i]);
+    for (size_t i = 1; i < perSecond.size(); ++i) {
+        const double scaling = perSecond[i] / perSecond.front();
+        const double floorScaling = floorPerSecond[i] / floorPerSecond.front();
+        worstScaling = std::min(worstScaling, scaling);
+        floorWorstScaling = std::min(floorWorstScaling, floorScaling);
+        worstToFloor = std::min(worstToFloor, scaling / floorScaling);
     }
     std::printf(
         "\ntargets: whole <= 1.3x floor %s; invoke <= 1.1x floor %s; >=2 clients >= 1.7x one %s"
-        " (worst x%.2f; the floor's x%.2f); every client count >= floor/1.3 %s (worst %.2f);"
-        " RSS growth <= 1 MiB %s; descriptors flat %s\n",
+        " (worst x%.2f; the floor's x%.2f); scales as the floor does (x one >= 0.9 of the "
+        "floor's) %s (worst %.2f); RSS growth <= 1 MiB %s; descriptors flat %s\n",
         verdict(whole.ratio() <= 1.3), verdict(invoke.ratio() <= 1.1), verdict(worstScaling >= 1.7),
-        worstScaling, floorWorstScaling, verdict(worstToFloor >= 1 / 1.3), worstToFloor,
+        worstScaling, floorWorstScaling, verdict(worstToFloor >= 0.9), worstToFloor,
         verdict(rssAfter - rssBefore <= 1024), verdict(fdsAfter <= fdsBefore));
 
     std::printf(
