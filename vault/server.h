@@ -5,9 +5,9 @@
 // thread alone, start to end: a client that stalls, or stops reading, holds up only itself.
 //
 // A connection that ends is reaped at once (its descriptor closed, its tables unmapped); past
-// kIdleThreads idle threads, a thread that stays idle for kLinger ends. A connection that cannot be
-// given a leader to follow it (no thread) or is past the limit is closed alone; at the descriptor
-// limit the leader waits for a connection to end (or a moment) instead of spinning.
+// kIdleThreads idle threads, a thread that stays idle for kLinger ends. A connection that cannot
+// be given a leader to follow it (no thread) or is past the limit is closed alone; at the
+// descriptor limit the leader waits for a connection to end (or a moment) instead of spinning.
 #pragma once
 
 #include <chrono>

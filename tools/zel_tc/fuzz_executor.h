@@ -30,8 +30,8 @@ bool parseKind(const std::string& text, FindingKind& kind);
 
 struct Verdict {
     FindingKind kind = FindingKind::kNone;
-    size_t call =
-        0;  // the call it showed at (the sequence's size: when opening a session after it)
+    // The call it showed at (the sequence's size: when opening a session after it).
+    size_t call = 0;
     uint32_t result = 0;
     uint32_t origin = 0;
     std::string detail;

@@ -68,9 +68,8 @@ int32_t query(const IdentityOptions& options, std::string& payload) {
     if (options.firmwareVersions) {
         std::string system, app;
         ZelResult result{};
-        const bool read =
-            CaZelInterfaceSp(zel_test_a).ze_updateFW(options.updateParam, system, app, &result) ==
-            0;
+        CaZelInterfaceSp processor(zel_test_a);
+        const bool read = processor.ze_updateFW(options.updateParam, system, app, &result) == 0;
         add(payload, "ta.system_version", read ? orUnavailable(system) : kUnavailable);
         add(payload, "ta.app_version", read ? orUnavailable(app) : kUnavailable);
     }
