@@ -128,9 +128,13 @@ TEST(EcSignatureDerToRaw, OpenSslSignaturesOfEveryLengthConvertAndVerifyAgain) {
         ASSERT_EQ(out.result, 0);
         EXPECT_EQ(out.rawLen, 64u);
         EXPECT_EQ(out.raw, opensslRaw(signature));
-        // Minimal DER: only a value of fewer than 32 bytes leaves a zero byte in front of it.
-        EXPECT_EQ(out.raw[0] == 0, lengths.first == 31);
-        EXPECT_EQ(out.raw[32] == 0, lengths.second == 31);
+        // A value shorter than 32 bytes leaves a zero in front of it in the raw form. DER writes
+        // such a value in 31 bytes, or in 32 when its top bit needs a zero sign byte before it.
+        const auto shorterThan32 = [&](int length, std::size_t at) {
+            return length < 32 || (length == 32 && signature.at(at) == 0);
+        };
+        EXPECT_EQ(out.raw[0] == 0, shorterThan32(lengths.first, 4));
+        EXPECT_EQ(out.raw[32] == 0, shorterThan32(lengths.second, 6 + lengths.first));
         EXPECT_TRUE(verify(key.get(), message, opensslDer(out.raw)));
         // The same raw form with one bit flipped must not verify: the check above means something.
         Bytes damaged = out.raw;
