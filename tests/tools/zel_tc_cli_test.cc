@@ -132,6 +132,25 @@ TEST_F(ZelTcAgainstRunningDaemonTest, VaultCommandsArmTheControlTaFromTheShell) 
               run.out.end());
     EXPECT_NE(run.err.find("FAIL 503 process result 0x00000010"), std::string::npos) << run.err;
 
+    // A session or an allocation has no command: those verbs neither need nor take --cmd.
+    EXPECT_EQ(zelTc("vault fail-session" + socket + " --result ACCESS_DENIED").exitCode, 0);
+    run = zelTc("run" + socket + " test_lifetime");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(std::find(run.out.begin(), run.out.end(),
+                        "Failed to open TEE session, result and retOrigin = 4294901761, 4"),
+              run.out.end());
+    EXPECT_EQ(zelTc("vault fail-alloc" + socket + " --result OUT_OF_MEMORY --count 0").exitCode,
+              0);
+    run = zelTc("run" + socket + " process");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(std::find(run.out.begin(), run.out.end(),
+                        "Failed to allocate shared memory, result = 4294901772"),
+              run.out.end());
+    // The failure mask overflows the summary's result column; its verdict stays a word apart.
+    EXPECT_NE(run.err.find("0x10, 0x11) FAIL"), std::string::npos) << run.err;
+    EXPECT_EQ(zelTc("vault fail-alloc" + socket + " --cmd 1").exitCode, 2);
+    EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
+
     EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 0 --count 0").exitCode, 0);
     EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
     EXPECT_EQ(zelTc("run" + socket + " test_lifetime").exitCode, 0);

@@ -128,17 +128,25 @@ std::string utcText(std::time_t when, bool zone) {
 
 void writeSummary(std::ostream& out, const std::vector<StepRecord>& records,
                   unsigned timeoutSeconds) {
-    out << "zel-tc: summary\n"
-        << std::left << "  " << std::setw(34) << "step" << std::setw(11) << "cmd" << std::setw(40)
-        << "result" << std::setw(12) << "verdict"
-        << "time\n";
+    // A text wider than its column still keeps a space before the next one.
+    const auto cell = [&out](const std::string& text, int width) {
+        out << std::left << std::setw(width - 1) << text << ' ';
+    };
+    out << "zel-tc: summary\n  ";
+    cell("step", 34);
+    cell("cmd", 11);
+    cell("result", 40);
+    cell("verdict", 12);
+    out << "time\n";
     for (const StepRecord& record : records) {
         std::ostringstream seconds;
         seconds << std::fixed << std::setprecision(3) << record.outcome.seconds << " s";
-        out << "  " << std::setw(34)
-            << (std::to_string(record.step.entry->number) + " " + record.title()) << std::setw(11)
-            << sendsText(record.step) << std::setw(40) << record.describe(timeoutSeconds)
-            << std::setw(12) << record.verdict() << seconds.str();
+        out << "  ";
+        cell(std::to_string(record.step.entry->number) + " " + record.title(), 34);
+        cell(sendsText(record.step), 11);
+        cell(record.describe(timeoutSeconds), 40);
+        cell(record.verdict(), 12);
+        out << seconds.str();
         if (record.step.why)
             out << "  expected " << resultHex(static_cast<uint32_t>(record.step.expected)) << ": "
                 << record.step.why;

@@ -79,7 +79,8 @@ using Request = TEEC_Result (*)(const vault::VaultControl&, const ControlArgumen
 struct ControlVerb {
     const char* name;
     const char* help;
-    bool takesTarget;    // --uuid and --cmd
+    bool takesUuid;      // --uuid
+    bool takesCommand;   // --cmd
     bool takesFailure;   // --result and --origin
     bool takesDuration;  // --ms
     bool takesCount;     // --count
@@ -89,31 +90,32 @@ struct ControlVerb {
 
 const ControlVerb kVerbs[] = {
     {"reset", "Disarm every fault and clear the TAs' state", false, false, false, false, false,
+     false,
      [](const vault::VaultControl& c, const ControlArguments&, const Parsed&) {
          return c.reset();
      }},
     {"fail", "Make the next --count invocations of --cmd on --uuid return --result/--origin", true,
-     true, false, true, false,
+     true, true, false, true, false,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failInvocations(p.uuid, a.command, a.count, p.result, p.origin);
      }},
-    {"fail-session", "Make the next --count sessions opened to --uuid fail", true, true, false,
-     true, false,
+    {"fail-session", "Make the next --count sessions opened to --uuid fail", true, false, true,
+     false, true, false,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failOpenSession(p.uuid, a.count, p.result, p.origin);
      }},
-    {"fail-alloc", "Make the next --count shared-memory allocations fail", false, true, false, true,
-     false,
+    {"fail-alloc", "Make the next --count shared-memory allocations fail", false, false, true,
+     false, true, false,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failAllocations(a.count, p.result, p.origin);
      }},
     {"stall", "Hold the next --count invocations of --cmd on --uuid for --ms milliseconds", true,
-     false, true, true, false,
+     true, false, true, true, false,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.stallInvocations(p.uuid, a.command, a.count, a.milliseconds);
      }},
     {"script", "Answer the next --count invocations of --cmd on --uuid with --reply's fields", true,
-     false, false, true, true,
+     true, false, false, true, true,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.scriptReply(p.uuid, a.command, a.count, p.reply);
      }},
@@ -337,13 +339,13 @@ void addVaultCommands(CLI::App& app, int& exitCode) {
         sub->add_option("--socket", arguments->socket,
                         "The daemon's socket (default: the "
                         "default TEE)");
-        if (verb.takesTarget) {
+        if (verb.takesUuid)
             sub->add_option("--uuid", arguments->uuid, "zel_test, zel_test_a or a UUID")
                 ->capture_default_str();
+        if (verb.takesCommand)
             sub->add_option("--cmd", arguments->command, "Command id")
                 ->required()
                 ->transform(decimalOrHex());
-        }
         if (verb.takesFailure) {
             sub->add_option("--result", arguments->result, "Result name or number")
                 ->capture_default_str();
