@@ -31,6 +31,8 @@ install(TARGETS zel-tc-lib
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
   FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${ZEL_INCLUDE_SUBDIR} COMPONENT dev)
 install(TARGETS zel-tc RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+install(FILES ${PROJECT_SOURCE_DIR}/docs/zel-tc.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+        COMPONENT tools)
 
 # What the public headers include and the library links, as the installed files see it:
 # ZEL_CONFIG_* for the CMake config (relative to its prefix variable), ZEL_PC_* for pkg-config.
@@ -44,6 +46,8 @@ if(ZEL_PLATFORM STREQUAL "host")
   set_target_properties(zel-vaultd PROPERTIES INSTALL_RPATH "${program_rpath}")
   install(TARGETS ${stand_ins} LIBRARY DESTINATION ${ZEL_PRIVATE_LIBDIR} COMPONENT host-tee)
   install(TARGETS zel-vaultd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT host-tee)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/zel-vaultd.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+          COMPONENT host-tee)
   set(stand_in_headers
     ${PROJECT_SOURCE_DIR}/platform/teec/include/tee_client_api.h
     ${PROJECT_SOURCE_DIR}/platform/vconf/include/vconf.h

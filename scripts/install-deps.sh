@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(cmake g++ make pkg-config googletest libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
           libbenchmark-dev libssl-dev libsqlite3-dev python3 debhelper dpkg-dev lintian file
-          libpugixml-dev python3-junitparser libxml2-utils linux-perf)
+          libpugixml-dev python3-junitparser libxml2-utils linux-perf man-db groff-base)
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
