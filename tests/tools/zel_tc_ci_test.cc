@@ -342,6 +342,9 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
     EXPECT_NE(err().find("1 passed, 0 failed"), std::string::npos) << err();
     EXPECT_EQ(run("run process --exclude nosuch" + socket), 2);
     EXPECT_NE(err().find("--exclude 'nosuch' matches none"), std::string::npos) << err();
+    // Each --exclude takes one pattern: the steps after it are still the steps to run.
+    EXPECT_EQ(run("run --exclude nosuch process" + socket), 2);
+    EXPECT_NE(err().find("--exclude 'nosuch' matches none"), std::string::npos) << err();
 
     // A dry run names what would run, in order, with the steps' inputs, and starts nothing.
     EXPECT_EQ(run("run zel_getHubID zel_get --with-setup --dry-run --junit " + reports + "/r.xml"),
@@ -404,6 +407,17 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
     EXPECT_EQ(run("vault fail --cmd 1e1" + socket), 2);
     EXPECT_EQ(run("fuzz --runs 010 --seed 3 --quiet --cmd put" + socket), 0) << err();
     EXPECT_NE(err().find("seed 3, 10 executions"), std::string::npos) << err();
+    EXPECT_EQ(run("bench --command 0x2D --count 010 --json " + reports + "/b.json" + socket), 0)
+        << err();
+    EXPECT_EQ(json::parse(readFile(reports + "/b.json"))["steps"][0]["runs"], 10);
+    // Seconds and percentages are finite numbers in range, refused plainly otherwise.
+    for (const char* arguments :
+         {"fuzz --seconds nan", "fuzz --seconds 0", "fuzz --seconds -1", "fuzz --runs 1 --seconds inf",
+          "fuzz --runs 1 --timeout nan", "replay x --timeout 0", "bench --command 0 --seconds nan",
+          "bench --command 0 --seconds 1e99", "bench --command 0 --threshold nan"}) {
+        EXPECT_EQ(run(std::string(arguments) + socket), 2) << arguments;
+        EXPECT_NE(err().find("must be a number "), std::string::npos) << arguments << ": " << err();
+    }
 
     EXPECT_EQ(run("list --json"), 0);
     const json list = json::parse(out());

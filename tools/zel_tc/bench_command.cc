@@ -18,6 +18,7 @@
 #include "catalogue.h"
 #include "interface/zel_ta_ids.h"
 #include "number_arg.h"
+#include "number_option.h"
 #include "results_stream.h"
 #include "step_runner.h"
 #include "tee_target.h"
@@ -251,20 +252,22 @@ void addBenchCommand(CLI::App& app, int& exitCode) {
     command->add_option("--uuid", options->uuidText,
                         "TA of the raw commands and the general scenarios (default zel_test)");
     command->add_option("--count", options->count, "Runs of each (default 100)")
+        ->transform(decimalOrHex())
         ->check(CLI::Range(uint64_t{1}, uint64_t{100000000}));
     command->add_option("--seconds", options->seconds, "Run each for this long instead")
-        ->check(CLI::PositiveNumber);
+        ->check(realBetween(0, kMaxSeconds, true, "above 0 and up to a year"));
     command
         ->add_option("--timeout", options->timeoutSeconds,
                      "Seconds each may take in all before it is killed as hung; 0: no limit")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->transform(decimalOrHex());
     command->add_option("--json", options->json, "Write the results here as JSON");
     command->add_option("--baseline", options->baseline,
                         "An earlier --json report: exit 1 when a step's p50 got slower");
     command
         ->add_option("--threshold", options->thresholdPercent,
                      "Percent a p50 may grow over the baseline's")
-        ->check(CLI::NonNegativeNumber)
+        ->check(realBetween(0, 1e6, false, "from 0 to 1000000"))
         ->capture_default_str();
     addTeeTargetOptions(*command, options->target);
     command->callback([options, &exitCode] { exitCode = bench(*options); });

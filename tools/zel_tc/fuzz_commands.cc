@@ -147,16 +147,18 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
         ->transform(unsignedDecimalOrHex());
     fuzz->add_option("--runs", fuzzOptions->campaign.runs, "Stop after this many sequences")
         ->transform(decimalOrHex());
-    fuzz->add_option("--seconds", fuzzOptions->campaign.seconds, "Stop after this many seconds");
+    fuzz->add_option("--seconds", fuzzOptions->campaign.seconds, "Stop after this many seconds")
+        ->check(realBetween(0, kMaxSeconds, true, "above 0 and up to a year"));
     fuzz->add_option("--cmd", fuzzOptions->commands,
-                     "Only these commands (names like zel_put or put, or ids); repeatable");
+                     "Only these commands (names like zel_put or put, or ids); repeatable")
+        ->allow_extra_args(false);
     fuzz->add_option("--uuid", fuzzOptions->uuid,
                      "Only the commands of this TA: zel_test or "
                      "zel_test_a (or its UUID)");
     fuzz->add_option("--timeout", fuzzOptions->timeoutSeconds,
                      "Seconds a TEE call may take before it counts as a hang")
         ->capture_default_str()
-        ->check(CLI::Range(0.001, 3600.0));
+        ->check(realBetween(0.001, 3600, false, "from 0.001 to 3600"));
     fuzz->add_option("--out", fuzzOptions->campaign.outDir, "Folder for the reproducers")
         ->capture_default_str();
     fuzz->add_option("--max-findings", fuzzOptions->campaign.maxFindings,
@@ -175,7 +177,7 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
         ->add_option("--timeout", replayOptions->timeoutSeconds,
                      "Seconds a TEE call may take before it counts as a hang")
         ->capture_default_str()
-        ->check(CLI::Range(0.001, 3600.0));
+        ->check(realBetween(0.001, 3600, false, "from 0.001 to 3600"));
     addTeeTargetOptions(*replay, replayOptions->tee);
     replay->callback([replayOptions, &exitCode] { exitCode = replayCommand(*replayOptions); });
 }

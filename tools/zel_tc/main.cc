@@ -306,7 +306,8 @@ int main(int argc, char** argv) {
                   "starts a firmware update on a device)");
     run->add_option("--exclude", options.exclude,
                     "Leave out the steps this pattern matches (name, case name or number); "
-                    "repeatable");
+                    "repeatable")
+        ->allow_extra_args(false);
     run->add_flag("-q,--quiet", options.quiet,
                   "Keep the library's lines for the reports but do not show them");
     run->add_option("--color", options.colour, "Verdicts in colour: auto, always or never")

@@ -3,6 +3,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
+#include <cstdlib>
 #include <string>
 
 #include "number_arg.h"
@@ -29,6 +31,23 @@ inline CLI::Validator unsignedDecimalOrHex() {
             if (!parseUnsigned(text, value)) return "not a decimal or 0x-hex number: " + text;
             text = std::to_string(value);
             return std::string();
+        },
+        "NUMBER");
+}
+
+// The longest a campaign or a benchmark may be told to run: more is a slip of the keyboard.
+constexpr double kMaxSeconds = 365.0 * 24 * 3600;
+
+// A finite real number from `low` (excluded when `aboveLow`) to `high`. CLI11's own ranges let
+// "nan" through, and print their bounds with every digit.
+inline CLI::Validator realBetween(double low, double high, bool aboveLow, const std::string& bounds) {
+    return CLI::Validator(
+        [=](std::string& text) {
+            char* end = nullptr;
+            const double value = std::strtod(text.c_str(), &end);
+            const bool fits = !text.empty() && *end == '\0' && std::isfinite(value) &&
+                              (aboveLow ? value > low : value >= low) && value <= high;
+            return fits ? std::string() : "must be a number " + bounds + ", not " + text;
         },
         "NUMBER");
 }
