@@ -354,6 +354,12 @@ TEST(ZelTcVaultTest, StartScriptAnswerStatusAndStopFromTheShell) {
     const std::string socket = " --socket " + directory + "/socket";
     CliRun run = zelTc("vault start" + socket);
     ASSERT_EQ(run.exitCode, 0) << run.err;
+    run = zelTc("vault start" + socket);  // taken: the refusal says why, not only where to look
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(run.err.find("before listening: zel-vaultd: another daemon is listening on " +
+                           directory + "/socket (its log: "),
+              std::string::npos)
+        << run.err;
     run = zelTc("vault status" + socket);
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_NE(std::find(run.out.begin(), run.out.end(), "  control TA: yes"), run.out.end());

@@ -251,8 +251,13 @@ int startVault(const LifecycleArguments& arguments) {
     std::string error;
     auto daemon = vault::VaultDaemon::start(options, error);
     if (!daemon) {
-        std::cerr << "zel-tc: vault start: " << error << " (its log: " << options.logPath << ")"
-                  << std::endl;
+        // The daemon's last words say why, so that nobody has to open the log to learn it.
+        std::ifstream log(options.logPath);
+        std::string said;
+        for (std::string line; std::getline(log, line);)
+            if (!line.empty()) said = line;
+        std::cerr << "zel-tc: vault start: " << error << (said.empty() ? "" : ": " + said)
+                  << " (its log: " << options.logPath << ")" << std::endl;
         return 1;
     }
     const pid_t pid = daemon->release();
