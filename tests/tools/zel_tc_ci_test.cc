@@ -360,6 +360,9 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
         "5\t2\tzel_get.data1.index3\t{\"data_type\":1,\"index\":3,\"uuid\":\"zel_test\"}\n");
     EXPECT_EQ(entries(reports), std::vector<std::string>{});
     EXPECT_EQ(entries(tmp), std::vector<std::string>{});
+    // A step named as the verdicts name it, in one argument, is the same step.
+    EXPECT_EQ(run("run 'bist 7' bist 8 --dry-run"), 0) << err();
+    EXPECT_EQ(out(), "1\t504\tbist.7\t{\"argument\":7}\n2\t504\tbist.8\t{\"argument\":8}\n");
 
     // On a fresh vault the hash of slot 3 fails alone and passes after the put it needs.
     EXPECT_EQ(run("run zel_getHash" + socket), 1);

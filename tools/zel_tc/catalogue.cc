@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <sstream>
 
 #include "case_name.h"
 #include "managers/ca_manager.h"
@@ -434,8 +435,14 @@ std::string decodeMask(const CatalogueEntry& entry, int32_t result) {
     return failed.empty() ? failed : "failed: " + failed;
 }
 
-bool selectSteps(const std::vector<std::string>& words, const Overrides& overrides,
+bool selectSteps(const std::vector<std::string>& arguments, const Overrides& overrides,
                  std::vector<Step>& steps, std::string& error) {
+    // "bist 7" quoted as one argument, as verdicts and the summary name it, is two words.
+    std::vector<std::string> words;
+    for (const std::string& argument : arguments) {
+        std::istringstream split(argument);
+        for (std::string word; split >> word;) words.push_back(word);
+    }
     for (size_t i = 0; i < words.size(); ++i) {
         if (words[i].find_first_of("*?[") != std::string::npos) {
             const size_t before = steps.size();
