@@ -178,6 +178,9 @@ TEST(FuzzReproducerTest, BadFilesAreRefusedNamingTheLine) {
     std::string error;
     EXPECT_FALSE(readReproducer(testing::TempDir() + "no-such.repro", r, error));
     EXPECT_NE(error.find("cannot read"), std::string::npos) << error;
+    // An endless file is refused, not read forever.
+    EXPECT_FALSE(readReproducer("/dev/zero", r, error));
+    EXPECT_NE(error.find("/dev/zero: larger than 4 MiB"), std::string::npos) << error;
 }
 
 Sequence numbered(size_t count) {
