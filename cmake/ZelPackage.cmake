@@ -33,6 +33,9 @@ install(TARGETS zel-tc-lib
 install(TARGETS zel-tc RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 install(FILES ${PROJECT_SOURCE_DIR}/docs/zel-tc.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
         COMPONENT tools)
+install(FILES ${PROJECT_SOURCE_DIR}/tools/zel_tc/completion.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zel-tc
+        COMPONENT tools)
 
 # What the public headers include and the library links, as the installed files see it:
 # ZEL_CONFIG_* for the CMake config (relative to its prefix variable), ZEL_PC_* for pkg-config.
