@@ -47,6 +47,7 @@ std::vector<std::string> entries(const std::string& directory) {
                 names.push_back(entry->d_name);
         closedir(listing);
     }
+    std::sort(names.begin(), names.end());
     return names;
 }
 
@@ -204,6 +205,47 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
     kill(zelTc, SIGKILL);
     finish(zelTc);
     EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
+}
+
+// fuzz and bench, stopped by a signal, still say and write what they have, exit 128 + the signal
+// and leave no daemon, folder or half-written report behind.
+TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
+    pid_t zelTc = start("fuzz --seconds 120 --quiet --out " + reports + "/findings --json " +
+                        reports + "/f.json");
+    ASSERT_TRUE(waitFor([&] { return processesMentioning(tmp).size() == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    kill(zelTc, SIGINT);
+    EXPECT_EQ(finish(zelTc), 130) << readFile(directory + "/err");
+    EXPECT_NE(readFile(directory + "/err").find("(stopped: interrupted by SIGINT)"),
+              std::string::npos)
+        << readFile(directory + "/err");
+    const json fuzzed = json::parse(readFile(reports + "/f.json"), nullptr, false);
+    EXPECT_EQ(fuzzed["stopped"], "interrupted by SIGINT") << fuzzed;
+    EXPECT_EQ(fuzzed["findings"], json::array()) << fuzzed;
+    EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
+    EXPECT_EQ(entries(tmp), std::vector<std::string>{});
+    EXPECT_EQ(entries(reports), std::vector<std::string>{"f.json"});
+
+    zelTc = start("bench --command 0x2D --seconds 120 --json " + reports + "/b.json");
+    ASSERT_TRUE(waitFor([&] { return processesMentioning(tmp).size() == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    kill(zelTc, SIGTERM);
+    EXPECT_EQ(finish(zelTc), 143) << readFile(directory + "/err");
+    EXPECT_NE(readFile(directory + "/err").find("command 0x2D: interrupted by SIGTERM"),
+              std::string::npos)
+        << readFile(directory + "/err");
+    const json benched = json::parse(readFile(reports + "/b.json"), nullptr, false);
+    EXPECT_EQ(benched["steps"], json::array()) << benched;
+    EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
+    EXPECT_EQ(entries(tmp), std::vector<std::string>{});
+    EXPECT_EQ(entries(reports), (std::vector<std::string>{"b.json", "f.json"}));
+
+    // Refused before anything runs: no report file appears, empty or not.
+    EXPECT_EQ(run("fuzz --runs 1 --json " + reports + "/g.json --socket " + directory + "/none"),
+              2);
+    EXPECT_EQ(run("bench --command 0 --json " + reports + "/c.json --socket " + directory + "/none"),
+              2);
+    EXPECT_EQ(entries(reports), (std::vector<std::string>{"b.json", "f.json"}));
 }
 
 TEST_F(ZelTcCiTest, BadInputExitsTwoAndWritesNothing) {

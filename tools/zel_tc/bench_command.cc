@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -16,9 +15,11 @@
 
 #include "bench_report.h"
 #include "catalogue.h"
+#include "interruption.h"
 #include "interface/zel_ta_ids.h"
 #include "number_arg.h"
 #include "number_option.h"
+#include "report_file.h"
 #include "results_stream.h"
 #include "step_runner.h"
 #include "tee_target.h"
@@ -184,8 +185,8 @@ int bench(BenchOptions& options) {
         say(error);
         return kExitUsage;
     }
-    if (!options.json.empty() && !std::ofstream(options.json, std::ios::app).good()) {
-        say("cannot write " + options.json);
+    if (!options.json.empty() && !canWriteReport(options.json, error)) {
+        say(error);
         return kExitUsage;
     }
     TeeTarget target;
@@ -193,6 +194,8 @@ int bench(BenchOptions& options) {
         say(error);
         return kExitUsage;
     }
+    // A signal stops the step being timed; what finished is still printed and written.
+    interruption::install();
 
     int exitCode = 0;
     std::vector<BenchedStep> benched;
@@ -200,6 +203,11 @@ int bench(BenchOptions& options) {
         const StepOutcome outcome =
             runIsolated([&](std::string& payload) { return measure(item, options, payload); },
                         options.timeoutSeconds, Echo::kOff);
+        if (outcome.end == StepOutcome::End::kInterrupted) {
+            say(item.name + ": interrupted by " + interruption::signalName(outcome.signal));
+            exitCode = 128 + outcome.signal;
+            break;
+        }
         BenchedStep step{item.name, {}};
         if (outcome.end != StepOutcome::End::kReturned ||
             !decodeSummary(outcome.payload, step.summary)) {
@@ -217,21 +225,22 @@ int bench(BenchOptions& options) {
         }
         benched.push_back(step);
     }
+    // A signal that came as the last step ended still ends the run as interrupted.
+    if (interruption::caught() && exitCode < 128) exitCode = 128 + interruption::caught();
     printTable(benched);
 
     if (!options.json.empty()) {
         nlohmann::json run = runJson(startRun(target.where()));
         run["count"] = options.count;
         run["seconds"] = options.seconds;
-        std::ofstream out(options.json, std::ios::trunc);
-        out << benchReport(run, benched).dump(2) << '\n';
-        if (!out.good()) {
+        if (!writeReport(options.json, benchReport(run, benched).dump(2) + '\n')) {
             say("cannot write " + options.json);
-            exitCode = kExitFailed;
+            if (exitCode == 0) exitCode = kExitFailed;
         }
     }
     if (!options.baseline.empty() &&
-        reportBaseline(compareWithBaseline(benched, baseline, options.thresholdPercent), options))
+        reportBaseline(compareWithBaseline(benched, baseline, options.thresholdPercent), options) &&
+        exitCode == 0)
         exitCode = kExitFailed;
     return exitCode;
 }

@@ -8,7 +8,6 @@
 #include <cmath>
 #include <cstdio>
 #include <deque>
-#include <fstream>
 #include <ostream>
 #include <set>
 #include <utility>
@@ -84,6 +83,10 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
 
     while ((options.runs == 0 || summary.executions < options.runs) &&
            (options.seconds <= 0 || elapsed() < options.seconds)) {
+        if (options.stopRequested) {
+            summary.stopped = options.stopRequested();
+            if (!summary.stopped.empty()) break;
+        }
         Sequence sequence = generator.next();
         const Verdict verdict = executor.run(sequence, false);
         ++summary.executions;
@@ -179,8 +182,7 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
     return summary;
 }
 
-bool writeCampaignJson(const std::string& path, const CampaignOptions& options,
-                       const CampaignSummary& summary) {
+std::string campaignJson(const CampaignOptions& options, const CampaignSummary& summary) {
     const auto hex = [](uint32_t value, int digits) {
         char text[16];
         std::snprintf(text, sizeof text, "0x%0*x", digits, value);
@@ -213,11 +215,8 @@ bool writeCampaignJson(const std::string& path, const CampaignOptions& options,
                                       {"minimized", f.minimized},
                                       {"file", f.file}});
     }
-    std::ofstream out(path, std::ios::trunc);
     // Bytes of a detail that are not UTF-8 are replaced rather than refused.
-    out << report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
-    out.close();
-    return static_cast<bool>(out);
+    return report.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace zel::tc::fuzz

@@ -26,6 +26,8 @@ struct CampaignOptions {
     std::string outDir = "zel-tc-findings";
     size_t maxFindings = 0;  // stop after this many distinct findings; 0: no bound
     bool progress = true;
+    // Asked between executions; a reason ends the campaign there (as "stopped").
+    std::function<std::string()> stopRequested;
 };
 
 struct FindingRecord {
@@ -55,7 +57,7 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
 Verdict replay(const Reproducer& reproducer, Executor& executor, const Restart& restart,
                std::string& error);
 
-bool writeCampaignJson(const std::string& path, const CampaignOptions& options,
-                       const CampaignSummary& summary);
+// The summary as the JSON report that --json writes.
+std::string campaignJson(const CampaignOptions& options, const CampaignSummary& summary);
 
 }  // namespace zel::tc::fuzz

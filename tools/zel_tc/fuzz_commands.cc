@@ -1,11 +1,12 @@
 #include "fuzz_commands.h"
 
-#include <fstream>
 #include <iostream>
 #include <memory>
 
 #include "fuzz_campaign.h"
+#include "interruption.h"
 #include "number_option.h"
+#include "report_file.h"
 #include "tee_names.h"
 #include "tee_target.h"
 
@@ -72,18 +73,25 @@ int fuzzCommand(FuzzOptions& options) {
         say("give a bound: --runs N or --seconds S");
         return kExitUsage;
     }
-    if (!options.json.empty() && !std::ofstream(options.json, std::ios::app)) {
-        say("cannot write " + options.json);
+    std::string error;
+    if (!options.json.empty() && !canWriteReport(options.json, error)) {
+        say(error);
         return kExitUsage;
     }
     campaign.timeoutMs = milliseconds(options.timeoutSeconds);
     campaign.progress = !options.quiet;
     TeeTarget target;
-    std::string error;
     if (!target.open(options.tee, error)) {
         say(error);
         return kExitUsage;
     }
+    // A signal ends the campaign after the execution under way; the summary and the reproducers
+    // found so far are kept, and the private TEE is stopped on the way out.
+    interruption::install();
+    campaign.stopRequested = [] {
+        const int signal = interruption::caught();
+        return signal ? "interrupted by " + interruption::signalName(signal) : std::string();
+    };
     // Without a restart, a finding that kills the TEE ends the campaign.
     fuzz::Restart restart;
     if (target.canRestart()) restart = [&target](std::string& why) { return target.restart(why); };
@@ -98,10 +106,11 @@ int fuzzCommand(FuzzOptions& options) {
         say("  " + std::string(fuzz::kindName(finding.reproducer.kind)) + " at " +
             fuzz::describe(finding.reproducer.calls.back()) + " after " +
             std::to_string(finding.secondsToFind) + " s: " + finding.file);
-    if (!options.json.empty() && !fuzz::writeCampaignJson(options.json, campaign, summary)) {
+    if (!options.json.empty() && !writeReport(options.json, fuzz::campaignJson(campaign, summary))) {
         say("cannot write " + options.json);
         return kExitUsage;
     }
+    if (interruption::caught()) return 128 + interruption::caught();
     return summary.findings.empty() ? 0 : kExitFound;
 }
 

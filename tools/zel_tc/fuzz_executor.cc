@@ -1,5 +1,8 @@
 #include "fuzz_executor.h"
 
+#include <pthread.h>
+#include <signal.h>
+
 #include <qeru_wsm.h>
 #include <tee_client_api.h>
 
@@ -133,6 +136,12 @@ struct Executor::Worker {
     }
 
     static void loop(std::shared_ptr<Worker> self) {
+        // The harness's signals go to the thread that waits on this one: a ^C must not cut a TEE
+        // call short, which a device's client library may answer as a communication error.
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
         std::unique_lock<std::mutex> lock(self->mutex);
         for (;;) {
             self->changed.wait(lock, [&] { return self->job || self->quit; });
