@@ -159,6 +159,20 @@ TEST_F(ZelTcAgainstRunningDaemonTest, VaultCommandsArmTheControlTaFromTheShell) 
     EXPECT_EQ(run.exitCode, 2);
     EXPECT_NE(run.err.find("cannot read --result NO_SUCH_RESULT"), std::string::npos);
     EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 1 --uuid 58d50001-1105").exitCode, 2);
+    // What the control TA would refuse is refused here, saying why.
+    run = zelTc("vault fail" + socket + " --cmd 1 --result TEEC_SUCCESS");
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("--result TEEC_SUCCESS (a failure, not success)"), std::string::npos)
+        << run.err;
+    run = zelTc("vault stall" + socket + " --cmd 1 --ms 60001");
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("--ms"), std::string::npos) << run.err;
+    EXPECT_EQ(zelTc("vault stall" + socket + " --cmd 1 --ms 60000 --count 1").exitCode, 0);
+    run = zelTc("vault script" + socket + " --cmd 1 --reply blob:" + std::string(16400, 'a'));
+    EXPECT_EQ(run.exitCode, 2);
+    EXPECT_NE(run.err.find("--reply blob:aaaa"), std::string::npos) << run.err;
+    EXPECT_LT(run.err.size(), 300u) << run.err;
+    EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
     EXPECT_EQ(zelTc("vault reset --socket " + daemon->socketPath() + ".gone").exitCode, 1);
 }
 

@@ -126,9 +126,13 @@ int sendVerb(const ControlVerb& verb, const ControlArguments& arguments) {
     std::string bad;
     if (!parseUuid(arguments.uuid, parsed.uuid)) bad = "--uuid " + arguments.uuid;
     if (!parseResult(arguments.result, parsed.result)) bad = "--result " + arguments.result;
+    if (verb.takesFailure && parsed.result == TEEC_SUCCESS)
+        bad = "--result " + arguments.result + " (a failure, not success)";
     if (!parseOrigin(arguments.origin, parsed.origin)) bad = "--origin " + arguments.origin;
     if (verb.takesReply && !parseReply(arguments.reply, parsed.reply))
-        bad = "--reply " + arguments.reply + " (fields such as int:-1 uint:3 blob:aabb)";
+        bad = "--reply " + (arguments.reply.size() > 40 ? arguments.reply.substr(0, 40) + "..."
+                                                         : arguments.reply) +
+              " (fields such as int:-1 uint:3 blob:aabb, within one 8192-byte block)";
     if (!bad.empty()) {
         std::cerr << "zel-tc: cannot read " << bad << std::endl;
         return 2;
@@ -360,7 +364,8 @@ void addVaultCommands(CLI::App& app, int& exitCode) {
         if (verb.takesDuration)
             sub->add_option("--ms", arguments->milliseconds, "Milliseconds")
                 ->capture_default_str()
-                ->transform(decimalOrHex());
+                ->transform(decimalOrHex())
+                ->check(CLI::Range(0u, vault::kControlMaxStallMs));
         if (verb.takesCount)
             sub->add_option("--count", arguments->count, "How many times; 0 until reset")
                 ->capture_default_str()
