@@ -210,34 +210,32 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
 // fuzz and bench, stopped by a signal, still say and write what they have, exit 128 + the signal
 // and leave no daemon, folder or half-written report behind.
 TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
-    pid_t zelTc = start("fuzz --seconds 120 --quiet --out " + reports + "/findings --json " +
-                        reports + "/f.json");
-    ASSERT_TRUE(waitFor([&] { return processesMentioning(tmp).size() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    kill(zelTc, SIGINT);
-    EXPECT_EQ(finish(zelTc), 130) << readFile(directory + "/err");
-    EXPECT_NE(readFile(directory + "/err").find("(stopped: interrupted by SIGINT)"),
-              std::string::npos)
-        << readFile(directory + "/err");
+    const std::string err = directory + "/err";
+    // Starts zel-tc, signals it once its private daemon is up, and checks what must always hold:
+    // the exit status, the line naming the signal, and nothing left running or in $TMPDIR.
+    const auto interrupt = [&](const std::string& arguments, int signal, const std::string& says) {
+        const pid_t zelTc = start(arguments);
+        ASSERT_TRUE(waitFor([&] { return processesMentioning(tmp).size() == 1; }));
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        kill(zelTc, signal);
+        EXPECT_EQ(finish(zelTc), 128 + signal) << readFile(err);
+        EXPECT_NE(readFile(err).find(says), std::string::npos) << readFile(err);
+        EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
+        EXPECT_EQ(entries(tmp), std::vector<std::string>{});
+    };
+
+    interrupt("fuzz --seconds 120 --quiet --out " + reports + "/findings --json " + reports +
+                  "/f.json",
+              SIGINT, "(stopped: interrupted by SIGINT)");
     const json fuzzed = json::parse(readFile(reports + "/f.json"), nullptr, false);
     EXPECT_EQ(fuzzed["stopped"], "interrupted by SIGINT") << fuzzed;
     EXPECT_EQ(fuzzed["findings"], json::array()) << fuzzed;
-    EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
-    EXPECT_EQ(entries(tmp), std::vector<std::string>{});
     EXPECT_EQ(entries(reports), std::vector<std::string>{"f.json"});
 
-    zelTc = start("bench --command 0x2D --seconds 120 --json " + reports + "/b.json");
-    ASSERT_TRUE(waitFor([&] { return processesMentioning(tmp).size() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    kill(zelTc, SIGTERM);
-    EXPECT_EQ(finish(zelTc), 143) << readFile(directory + "/err");
-    EXPECT_NE(readFile(directory + "/err").find("command 0x2D: interrupted by SIGTERM"),
-              std::string::npos)
-        << readFile(directory + "/err");
+    interrupt("bench --command 0x2D --seconds 120 --json " + reports + "/b.json", SIGTERM,
+              "command 0x2D: interrupted by SIGTERM");
     const json benched = json::parse(readFile(reports + "/b.json"), nullptr, false);
     EXPECT_EQ(benched["steps"], json::array()) << benched;
-    EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
-    EXPECT_EQ(entries(tmp), std::vector<std::string>{});
     EXPECT_EQ(entries(reports), (std::vector<std::string>{"b.json", "f.json"}));
 
     // Refused before anything runs: no report file appears, empty or not.
