@@ -224,9 +224,9 @@ TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
         EXPECT_EQ(entries(tmp), std::vector<std::string>{});
     };
 
-    interrupt("fuzz --seconds 120 --quiet --out " + reports + "/findings --json " + reports +
-                  "/f.json",
-              SIGINT, "(stopped: interrupted by SIGINT)");
+    interrupt(
+        "fuzz --seconds 120 --quiet --out " + reports + "/findings --json " + reports + "/f.json",
+        SIGINT, "(stopped: interrupted by SIGINT)");
     const json fuzzed = json::parse(readFile(reports + "/f.json"), nullptr, false);
     EXPECT_EQ(fuzzed["stopped"], "interrupted by SIGINT") << fuzzed;
     EXPECT_EQ(fuzzed["findings"], json::array()) << fuzzed;
@@ -241,8 +241,8 @@ TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
     // Refused before anything runs: no report file appears, empty or not.
     EXPECT_EQ(run("fuzz --runs 1 --json " + reports + "/g.json --socket " + directory + "/none"),
               2);
-    EXPECT_EQ(run("bench --command 0 --json " + reports + "/c.json --socket " + directory + "/none"),
-              2);
+    EXPECT_EQ(
+        run("bench --command 0 --json " + reports + "/c.json --socket " + directory + "/none"), 2);
     EXPECT_EQ(entries(reports), (std::vector<std::string>{"b.json", "f.json"}));
 }
 
@@ -455,9 +455,10 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
     EXPECT_EQ(json::parse(readFile(reports + "/b.json"))["steps"][0]["runs"], 10);
     // Seconds and percentages are finite numbers in range, refused plainly otherwise.
     for (const char* arguments :
-         {"fuzz --seconds nan", "fuzz --seconds 0", "fuzz --seconds -1", "fuzz --runs 1 --seconds inf",
-          "fuzz --runs 1 --timeout nan", "replay x --timeout 0", "bench --command 0 --seconds nan",
-          "bench --command 0 --seconds 1e99", "bench --command 0 --threshold nan"}) {
+         {"fuzz --seconds nan", "fuzz --seconds 0", "fuzz --seconds -1",
+          "fuzz --runs 1 --seconds inf", "fuzz --runs 1 --timeout nan", "replay x --timeout 0",
+          "bench --command 0 --seconds nan", "bench --command 0 --seconds 1e99",
+          "bench --command 0 --threshold nan"}) {
         EXPECT_EQ(run(std::string(arguments) + socket), 2) << arguments;
         EXPECT_NE(err().find("must be a number "), std::string::npos) << arguments << ": " << err();
     }

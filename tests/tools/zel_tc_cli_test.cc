@@ -139,8 +139,7 @@ TEST_F(ZelTcAgainstRunningDaemonTest, VaultCommandsArmTheControlTaFromTheShell) 
     EXPECT_NE(std::find(run.out.begin(), run.out.end(),
                         "Failed to open TEE session, result and retOrigin = 4294901761, 4"),
               run.out.end());
-    EXPECT_EQ(zelTc("vault fail-alloc" + socket + " --result OUT_OF_MEMORY --count 0").exitCode,
-              0);
+    EXPECT_EQ(zelTc("vault fail-alloc" + socket + " --result OUT_OF_MEMORY --count 0").exitCode, 0);
     run = zelTc("run" + socket + " process");
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(std::find(run.out.begin(), run.out.end(),
@@ -395,7 +394,7 @@ TEST(ZelTcVaultTest, StartScriptAnswerStatusAndStopFromTheShell) {
     EXPECT_EQ(zelTc("vault stop" + socket).exitCode, 0);
     EXPECT_EQ(zelTc("vault status" + socket).exitCode, 1);
     EXPECT_EQ(zelTc("vault stop" + socket).exitCode, 1);  // nothing left to stop
-    unlink((directory + "/socket.log").c_str());  // the daemon's log outlives it, by design
+    unlink((directory + "/socket.log").c_str());          // the daemon's log outlives it, by design
     EXPECT_EQ(rmdir(directory.c_str()), 0) << "vault stop left files in " << directory;
 }
 

@@ -15,8 +15,8 @@
 
 #include "bench_report.h"
 #include "catalogue.h"
-#include "interruption.h"
 #include "interface/zel_ta_ids.h"
+#include "interruption.h"
 #include "number_arg.h"
 #include "number_option.h"
 #include "report_file.h"
@@ -264,7 +264,7 @@ void addBenchCommand(CLI::App& app, int& exitCode) {
         ->transform(decimalOrHex())
         ->check(CLI::Range(uint64_t{1}, uint64_t{100000000}));
     command->add_option("--seconds", options->seconds, "Run each for this long instead")
-        ->check(realBetween(0, kMaxSeconds, true, "above 0 and up to a year"));
+        ->check(runSeconds());
     command
         ->add_option("--timeout", options->timeoutSeconds,
                      "Seconds each may take in all before it is killed as hung; 0: no limit")

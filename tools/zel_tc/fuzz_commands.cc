@@ -106,7 +106,8 @@ int fuzzCommand(FuzzOptions& options) {
         say("  " + std::string(fuzz::kindName(finding.reproducer.kind)) + " at " +
             fuzz::describe(finding.reproducer.calls.back()) + " after " +
             std::to_string(finding.secondsToFind) + " s: " + finding.file);
-    if (!options.json.empty() && !writeReport(options.json, fuzz::campaignJson(campaign, summary))) {
+    if (!options.json.empty() &&
+        !writeReport(options.json, fuzz::campaignJson(campaign, summary))) {
         say("cannot write " + options.json);
         return kExitUsage;
     }
@@ -157,7 +158,7 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
     fuzz->add_option("--runs", fuzzOptions->campaign.runs, "Stop after this many sequences")
         ->transform(decimalOrHex());
     fuzz->add_option("--seconds", fuzzOptions->campaign.seconds, "Stop after this many seconds")
-        ->check(realBetween(0, kMaxSeconds, true, "above 0 and up to a year"));
+        ->check(runSeconds());
     fuzz->add_option("--cmd", fuzzOptions->commands,
                      "Only these commands (names like zel_put or put, or ids); repeatable")
         ->allow_extra_args(false);
@@ -167,7 +168,7 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
     fuzz->add_option("--timeout", fuzzOptions->timeoutSeconds,
                      "Seconds a TEE call may take before it counts as a hang")
         ->capture_default_str()
-        ->check(realBetween(0.001, 3600, false, "from 0.001 to 3600"));
+        ->check(callTimeoutSeconds());
     fuzz->add_option("--out", fuzzOptions->campaign.outDir, "Folder for the reproducers")
         ->capture_default_str();
     fuzz->add_option("--max-findings", fuzzOptions->campaign.maxFindings,
@@ -186,7 +187,7 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
         ->add_option("--timeout", replayOptions->timeoutSeconds,
                      "Seconds a TEE call may take before it counts as a hang")
         ->capture_default_str()
-        ->check(realBetween(0.001, 3600, false, "from 0.001 to 3600"));
+        ->check(callTimeoutSeconds());
     addTeeTargetOptions(*replay, replayOptions->tee);
     replay->callback([replayOptions, &exitCode] { exitCode = replayCommand(*replayOptions); });
 }

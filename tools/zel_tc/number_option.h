@@ -40,7 +40,8 @@ constexpr double kMaxSeconds = 365.0 * 24 * 3600;
 
 // A finite real number from `low` (excluded when `aboveLow`) to `high`. CLI11's own ranges let
 // "nan" through, and print their bounds with every digit.
-inline CLI::Validator realBetween(double low, double high, bool aboveLow, const std::string& bounds) {
+inline CLI::Validator realBetween(double low, double high, bool aboveLow,
+                                  const std::string& bounds) {
     return CLI::Validator(
         [=](std::string& text) {
             char* end = nullptr;
@@ -50,6 +51,16 @@ inline CLI::Validator realBetween(double low, double high, bool aboveLow, const 
             return fits ? std::string() : "must be a number " + bounds + ", not " + text;
         },
         "NUMBER");
+}
+
+// How long a campaign or a benchmark runs: --seconds.
+inline CLI::Validator runSeconds() {
+    return realBetween(0, kMaxSeconds, true, "above 0 and up to a year");
+}
+
+// How long one TEE call may take before it counts as a hang: --timeout of fuzz and replay.
+inline CLI::Validator callTimeoutSeconds() {
+    return realBetween(0.001, 3600, false, "from 0.001 to 3600");
 }
 
 }  // namespace zel::tc

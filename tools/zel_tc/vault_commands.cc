@@ -76,46 +76,49 @@ bool parseReply(const std::string& text, std::vector<uint8_t>& message) {
 
 using Request = TEEC_Result (*)(const vault::VaultControl&, const ControlArguments&, const Parsed&);
 
+// The options a verb takes, beyond --socket.
+enum VerbOption : unsigned {
+    kUuid = 1u << 0,      // --uuid
+    kCommand = 1u << 1,   // --cmd
+    kFailure = 1u << 2,   // --result and --origin
+    kDuration = 1u << 3,  // --ms
+    kCount = 1u << 4,     // --count
+    kReply = 1u << 5,     // --reply
+};
+
 struct ControlVerb {
     const char* name;
     const char* help;
-    bool takesUuid;      // --uuid
-    bool takesCommand;   // --cmd
-    bool takesFailure;   // --result and --origin
-    bool takesDuration;  // --ms
-    bool takesCount;     // --count
-    bool takesReply;     // --reply
+    unsigned takes;  // VerbOption bits
     Request send;
 };
 
 const ControlVerb kVerbs[] = {
-    {"reset", "Disarm every fault and clear the TAs' state", false, false, false, false, false,
-     false,
+    {"reset", "Disarm every fault and clear the TAs' state", 0,
      [](const vault::VaultControl& c, const ControlArguments&, const Parsed&) {
          return c.reset();
      }},
-    {"fail", "Make the next --count invocations of --cmd on --uuid return --result/--origin", true,
-     true, true, false, true, false,
+    {"fail", "Make the next --count invocations of --cmd on --uuid return --result/--origin",
+     kUuid | kCommand | kFailure | kCount,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failInvocations(p.uuid, a.command, a.count, p.result, p.origin);
      }},
-    {"fail-session", "Make the next --count sessions opened to --uuid fail", true, false, true,
-     false, true, false,
+    {"fail-session", "Make the next --count sessions opened to --uuid fail",
+     kUuid | kFailure | kCount,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failOpenSession(p.uuid, a.count, p.result, p.origin);
      }},
-    {"fail-alloc", "Make the next --count shared-memory allocations fail", false, false, true,
-     false, true, false,
+    {"fail-alloc", "Make the next --count shared-memory allocations fail", kFailure | kCount,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.failAllocations(a.count, p.result, p.origin);
      }},
-    {"stall", "Hold the next --count invocations of --cmd on --uuid for --ms milliseconds", true,
-     true, false, true, true, false,
+    {"stall", "Hold the next --count invocations of --cmd on --uuid for --ms milliseconds",
+     kUuid | kCommand | kDuration | kCount,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.stallInvocations(p.uuid, a.command, a.count, a.milliseconds);
      }},
-    {"script", "Answer the next --count invocations of --cmd on --uuid with --reply's fields", true,
-     true, false, false, true, true,
+    {"script", "Answer the next --count invocations of --cmd on --uuid with --reply's fields",
+     kUuid | kCommand | kCount | kReply,
      [](const vault::VaultControl& c, const ControlArguments& a, const Parsed& p) {
          return c.scriptReply(p.uuid, a.command, a.count, p.reply);
      }},
@@ -126,12 +129,13 @@ int sendVerb(const ControlVerb& verb, const ControlArguments& arguments) {
     std::string bad;
     if (!parseUuid(arguments.uuid, parsed.uuid)) bad = "--uuid " + arguments.uuid;
     if (!parseResult(arguments.result, parsed.result)) bad = "--result " + arguments.result;
-    if (verb.takesFailure && parsed.result == TEEC_SUCCESS)
+    if ((verb.takes & kFailure) && parsed.result == TEEC_SUCCESS)
         bad = "--result " + arguments.result + " (a failure, not success)";
     if (!parseOrigin(arguments.origin, parsed.origin)) bad = "--origin " + arguments.origin;
-    if (verb.takesReply && !parseReply(arguments.reply, parsed.reply))
-        bad = "--reply " + (arguments.reply.size() > 40 ? arguments.reply.substr(0, 40) + "..."
-                                                         : arguments.reply) +
+    if ((verb.takes & kReply) && !parseReply(arguments.reply, parsed.reply))
+        bad = "--reply " +
+              (arguments.reply.size() > 40 ? arguments.reply.substr(0, 40) + "..."
+                                           : arguments.reply) +
               " (fields such as int:-1 uint:3 blob:aabb, within one 8192-byte block)";
     if (!bad.empty()) {
         std::cerr << "zel-tc: cannot read " << bad << std::endl;
@@ -348,29 +352,29 @@ void addVaultCommands(CLI::App& app, int& exitCode) {
         sub->add_option("--socket", arguments->socket,
                         "The daemon's socket (default: the "
                         "default TEE)");
-        if (verb.takesUuid)
+        if (verb.takes & kUuid)
             sub->add_option("--uuid", arguments->uuid, "zel_test, zel_test_a or a UUID")
                 ->capture_default_str();
-        if (verb.takesCommand)
+        if (verb.takes & kCommand)
             sub->add_option("--cmd", arguments->command, "Command id")
                 ->required()
                 ->transform(decimalOrHex());
-        if (verb.takesFailure) {
+        if (verb.takes & kFailure) {
             sub->add_option("--result", arguments->result, "Result name or number")
                 ->capture_default_str();
             sub->add_option("--origin", arguments->origin, "Origin name or number")
                 ->capture_default_str();
         }
-        if (verb.takesDuration)
+        if (verb.takes & kDuration)
             sub->add_option("--ms", arguments->milliseconds, "Milliseconds")
                 ->capture_default_str()
                 ->transform(decimalOrHex())
                 ->check(CLI::Range(0u, vault::kControlMaxStallMs));
-        if (verb.takesCount)
+        if (verb.takes & kCount)
             sub->add_option("--count", arguments->count, "How many times; 0 until reset")
                 ->capture_default_str()
                 ->transform(decimalOrHex());
-        if (verb.takesReply)
+        if (verb.takes & kReply)
             sub->add_option("--reply", arguments->reply,
                             "The reply's fields in order: int:N uint:N blob:HEX")
                 ->required();
