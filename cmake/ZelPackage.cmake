@@ -49,6 +49,9 @@ if(ZEL_PLATFORM STREQUAL "host")
   set_target_properties(zel-vaultd PROPERTIES INSTALL_RPATH "${program_rpath}")
   install(TARGETS ${stand_ins} LIBRARY DESTINATION ${ZEL_PRIVATE_LIBDIR} COMPONENT host-tee)
   install(TARGETS zel-vaultd RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT host-tee)
+  # The TAs where the daemon looks for them: relative to itself, as in the build tree.
+  install(TARGETS ta_zel_test ta_zel_test_a LIBRARY DESTINATION ${ZEL_PRIVATE_LIBDIR}/ta
+          COMPONENT host-tee)
   install(FILES ${PROJECT_SOURCE_DIR}/docs/zel-vaultd.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
           COMPONENT host-tee)
   set(stand_in_headers
@@ -65,6 +68,7 @@ if(ZEL_PLATFORM STREQUAL "host")
           DESTINATION include COMPONENT platform EXCLUDE_FROM_ALL)
   install(FILES ${PROJECT_SOURCE_DIR}/platform/wsm/qeru_wsm.h
                 ${PROJECT_SOURCE_DIR}/platform/wsm/wsm_encoding.h
+                ${PROJECT_SOURCE_DIR}/platform/wsm/wsm_core.h
           DESTINATION include/qeru COMPONENT platform EXCLUDE_FROM_ALL)
   install(FILES ${PROJECT_SOURCE_DIR}/platform/vconf/include/vconf.h
           DESTINATION include/vconf COMPONENT platform EXCLUDE_FROM_ALL)

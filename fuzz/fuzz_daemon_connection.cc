@@ -18,35 +18,30 @@
 
 #include "connection.h"
 #include "descriptor_message.h"
-#include "secure_processor_ta.h"
-#include "vault_storage.h"
-#include "vault_ta.h"
+#include "object_store.h"
+#include "ta_folder.h"
 
 using namespace zel::vault;
 namespace wire = zel::wire;
 
 namespace {
 
+// The daemon's pieces as zel-vaultd puts them together, with the vault's TAs from the build.
 struct Daemon {
-    std::unique_ptr<VaultStorage> storage;
-    std::unique_ptr<VaultTa> vault;
-    std::unique_ptr<SecureProcessorTa> secureProcessor;
-    TaRegistry registry;
+    std::unique_ptr<zel::tee::ObjectStore> store = [] {
+        std::string error;
+        auto opened = zel::tee::ObjectStore::open(":memory:", error);
+        if (!opened) abort();
+        return opened;
+    }();
+    TaFolder folder{ZEL_TA_BUILD_FOLDER, *store};
+    TaRegistry registry{
+        [this](const wire::UuidBytes& uuid, TrustedApp& app) { return folder.load(uuid, app); }};
     FaultPlan faults;
 };
 
 Daemon& daemon() {
-    static Daemon* made = [] {
-        auto* d = new Daemon;
-        std::string error;
-        d->storage = VaultStorage::open(":memory:", error);
-        if (!d->storage) abort();
-        d->vault = std::make_unique<VaultTa>(*d->storage);
-        d->secureProcessor = std::make_unique<SecureProcessorTa>(*d->storage);
-        addVaultTa(d->registry, *d->vault);
-        addSecureProcessorTa(d->registry, *d->secureProcessor);
-        return d;
-    }();
+    static Daemon* made = new Daemon;
     return *made;
 }
 

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Writes the fuzzers' seed corpora: well-formed codec messages, requests for every TA command,
 daemon exchanges (session, registration with a request in the block, invocation) and inputs for
-each support parser. Usage: fuzz_seeds.py OUTPUT_DIR"""
+each support parser and for the TAs' DER readers. Usage: fuzz_seeds.py OUTPUT_DIR"""
 import os
+import re
 import struct
 import sys
 
@@ -59,6 +60,15 @@ REQUESTS = {
 }
 
 
+def test_vector(name):
+    """A hex vector of src/support/test_vectors.h, as bytes."""
+    path = os.path.join(os.path.dirname(__file__), "..", "src", "support", "test_vectors.h")
+    with open(path) as header:
+        text = header.read()
+    match = re.search(r"constexpr char " + name + r"\[\] =((?:\s*\"[0-9A-Fa-f]*\")+);", text)
+    return bytes.fromhex("".join(re.findall(r'"([0-9A-Fa-f]*)"', match.group(1))))
+
+
 def write(directory, name, data):
     os.makedirs(directory, exist_ok=True)
     with open(os.path.join(directory, name), "wb") as out:
@@ -110,6 +120,9 @@ def main():
     write(parsers, "hd", bytes([2, 0]) + struct.pack(">5I", 0x8000002C, 0x8000003C, 0, 0, 5))
     write(parsers, "create", bytes([3, 4]) + b"deadbeef")
     write(parsers, "base64", bytes([4, 0]) + b"any bytes \x00\xff")
+    # The DER readers: the project's keys, each of which one of them accepts.
+    for name in ("kDeviceEcPrivateKey", "kCloudEcPublicKey", "kRsaPublicKey"):
+        write(f"{out}/fuzz_der_reader", name, test_vector(name))
 
 
 if __name__ == "__main__":

@@ -10,6 +10,8 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include "planted_faults.h"
+
 namespace zel::vault {
 
 namespace {
@@ -39,6 +41,16 @@ TaResult writeScriptedReply(const std::vector<uint8_t>& reply, TaOperation& oper
 
 Connection::Connection(int socket, const TaRegistry& registry, FaultPlan& faults)
     : socket_(socket), registry_(registry), faults_(faults) {}
+
+Connection::~Connection() {
+    sessions_.forEach([](uint32_t, Session& session) { endSession(session); });
+}
+
+void Connection::endSession(Session& session) {
+    if (!session.app->close) return;
+    std::lock_guard<std::mutex> oneAtATime(session.app->lock);
+    session.app->close(session.ta);
+}
 
 void Connection::serve() {
     for (;;) {
@@ -116,15 +128,24 @@ wire::Reply Connection::openSession(const wire::Request& request, UniqueFd) {
         return answer(injected->result, injected->origin);
     TrustedApp* app = registry_.find(request.uuid);
     if (!app) return answer(TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE);
+    Session session{app, request.uuid, {}};
+    if (app->open) {
+        std::lock_guard<std::mutex> oneAtATime(app->lock);
+        const TaResult opened = app->open(operation, session.ta);
+        if (opened.result != TEEC_SUCCESS) return answer(opened.result, opened.origin);
+    }
     const uint32_t id = nextId_++;
-    sessions_.add(id, Session{app, request.uuid});
+    sessions_.add(id, session);
     wire::Reply reply = answer(TEEC_SUCCESS, TEEC_ORIGIN_TRUSTED_APP);
     reply.id = id;
     return reply;
 }
 
 wire::Reply Connection::closeSession(const wire::Request& request, UniqueFd) {
-    if (!sessions_.erase(request.session_id)) return refused();
+    Session* session = sessions_.find(request.session_id);
+    if (!session) return refused();
+    endSession(*session);
+    sessions_.erase(request.session_id);
     return answer(TEEC_SUCCESS, TEEC_ORIGIN_TEE);
 }
 
@@ -160,7 +181,7 @@ wire::Reply Connection::releaseMemory(const wire::Request& request, UniqueFd) {
 }
 
 wire::Reply Connection::invoke(const wire::Request& request, UniqueFd) {
-    const Session* session = sessions_.find(request.session_id);
+    Session* session = sessions_.find(request.session_id);
     if (!session) return refused();
     TaOperation operation;
     if (buildOperation(request, operation) != TEEC_SUCCESS) return refused();
@@ -176,8 +197,10 @@ wire::Reply Connection::invoke(const wire::Request& request, UniqueFd) {
     else if (const auto scripted =
                  faults_.take(FaultPlan::Kind::kScriptedReply, uuid, request.command))
         result = writeScriptedReply(scripted->reply, operation);
+    else if (const auto planted = plantedFault(uuid, request.command, operation))
+        result = *planted;
     else
-        result = app.invoke(request.command, operation);
+        result = app.invoke(session->ta, request.command, operation);
 
     wire::Reply reply = answer(result.result, result.origin);
     for (size_t i = 0; i < operation.params.size(); ++i) {
@@ -213,6 +236,7 @@ TEEC_Result Connection::buildOperation(const wire::Request& request, TaOperation
             return TEEC_ERROR_BAD_PARAMETERS;
         out.buffer = memory.data() + in.offset;
         out.size = in.size;
+        out.flags = memory.flags();
     }
     return TEEC_SUCCESS;
 }

@@ -20,6 +20,10 @@ class Connection {
     static constexpr uint32_t kMaxBlocks = 64;
 
     Connection(int socket, const TaRegistry& registry, FaultPlan& faults);
+    // The sessions the client left open are closed, as when a client dies on a device.
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
     // Serves requests until the client hangs up or the socket is shut down.
     void serve();
 
@@ -27,7 +31,9 @@ class Connection {
     struct Session {
         TrustedApp* app = nullptr;
         wire::UuidBytes uuid{};
+        TaSession ta;
     };
+    static void endSession(Session& session);
 
     enum class Received { kRequest, kMalformed, kClosed };
     Received receive(wire::Request& request, UniqueFd& passed);

@@ -29,7 +29,7 @@ class VaultControl {
     TEEC_Result scriptReply(const TEEC_UUID& ta, uint32_t command, uint32_t count,
                             const std::vector<uint8_t>& message) const;
 
-    // Replaces one of the secure processor's answers: an item of SecureProcessorTa (firmware
+    // Replaces one of the secure processor's answers: an item of sp_items.h (firmware
     // words, hack status, update result record, system or app version text).
     TEEC_Result setSecureProcessor(uint32_t item, const std::vector<uint8_t>& value) const;
 

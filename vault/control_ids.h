@@ -26,7 +26,7 @@ enum ControlCommand : uint32_t {
     kControlScriptReply = 5,         // next invocations of (uuid, command) answer success with this
                                      // message in the block, in the TA's place
     kControlSetSecureProcessor = 6,  // replace one of the secure processor's answers (an item
-                                     // of SecureProcessorTa: firmware words, hack status, update
+                                     // of sp_items.h: firmware words, hack status, update
                                      // result record, version texts)
 };
 

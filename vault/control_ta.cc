@@ -28,8 +28,8 @@ TaResult invalid() {
 }  // namespace
 
 void addControlTa(TaRegistry& registry, FaultPlan& faults, ControlHooks hooks) {
-    registry.add(kControlUuid, "control",
-                 [&faults, hooks](uint32_t command, TaOperation& op) -> TaResult {
+    registry.add(kControlUuid, "control").invoke =
+                 [&faults, hooks](TaSession&, uint32_t command, TaOperation& op) -> TaResult {
                      if (command == kControlReset) {
                          faults.reset();
                          if (hooks.resetState) hooks.resetState();
@@ -61,7 +61,7 @@ void addControlTa(TaRegistry& registry, FaultPlan& faults, ControlHooks hooks) {
                      const TEEC_UUID target = uuidFromWords({p[2].a, p[2].b, p[3].a, p[3].b});
                      faults.arm(kind->second, wire::uuidBytes(target), p[0].a, p[0].b, what);
                      return {};
-                 });
+                 };
 }
 
 }  // namespace zel::vault

@@ -40,6 +40,12 @@ class IdTable {
         return false;
     }
 
+    // Calls f(id, value) for every entry.
+    template <typename F>
+    void forEach(F f) {
+        for (size_t i = 0; i < count_; ++i) f(entries_[i].first, entries_[i].second);
+    }
+
   private:
     std::array<std::pair<uint32_t, Value>, Capacity> entries_{};
     size_t count_ = 0;

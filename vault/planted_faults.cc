@@ -17,6 +17,8 @@ namespace zel::vault {
 
 namespace {
 
+enum class PlantedTa : uint8_t { kVault, kSecureProcessor };
+
 // A request as the fault triggers see it: each field's tag and its value (blobs: their size).
 struct Seen {
     wsm::Tag tag;
@@ -186,7 +188,17 @@ void remember(PlantedTa ta, uint32_t command, const std::vector<Seen>& f) {
 
 }  // namespace
 
-std::optional<TaResult> plantedFault(PlantedTa ta, uint32_t command, const TaParam& block) {
+std::optional<TaResult> plantedFault(const wire::UuidBytes& uuid, uint32_t command,
+                                     const TaOperation& operation) {
+    // Only the vault's TAs, and only commands they would read: one block, in and out.
+    const bool vault = uuid == wire::uuidBytes(zel_test);
+    if (!vault && uuid != wire::uuidBytes(zel_test_a)) return std::nullopt;
+    if (operation.paramTypes != TEEC_PARAM_TYPES(TEEC_MEMREF_PARTIAL_INOUT, TEEC_NONE, TEEC_NONE,
+                                                 TEEC_NONE) ||
+        operation.params[0].size < sizeof(uint32_t))
+        return std::nullopt;
+    const TaParam& block = operation.params[0];
+    const PlantedTa ta = vault ? PlantedTa::kVault : PlantedTa::kSecureProcessor;
     if (ta == PlantedTa::kSecureProcessor && state().secureProcessorDead && armed("ta-panic"))
         return TaResult{TEEC_ERROR_TARGET_DEAD, TEEC_ORIGIN_TEE};
     const std::vector<Seen> fields = fieldsOf(block);

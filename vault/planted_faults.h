@@ -2,8 +2,9 @@
 // rate fuzzers. Built only with the ZEL_PLANTED_FAULTS CMake option (never by default, never in
 // a package, refused for the device); without it the hook below is an empty inline function.
 //
-// Each TA calls the hook first thing with the request's block; a fault that fires answers for the
-// TA (or crashes or hangs it), otherwise the TA serves the command as usual. The faults armed are
+// The daemon calls the hook just before a vault TA's command, with the request's block; a fault
+// that fires answers for the TA (or crashes or hangs the daemon), otherwise the TA serves the
+// command as usual. The faults armed are
 // those named, comma-separated, in $ZEL_PLANTED_FAULTS as the daemon starts (unset: all of them).
 // docs/fuzzing.md lists them.
 #pragma once
@@ -15,12 +16,11 @@
 
 namespace zel::vault {
 
-enum class PlantedTa : uint8_t { kVault, kSecureProcessor };
-
 #if ZEL_PLANTED_FAULTS
-std::optional<TaResult> plantedFault(PlantedTa ta, uint32_t command, const TaParam& block);
+std::optional<TaResult> plantedFault(const wire::UuidBytes& ta, uint32_t command,
+                                     const TaOperation& operation);
 #else
-inline std::optional<TaResult> plantedFault(PlantedTa, uint32_t, const TaParam&) {
+inline std::optional<TaResult> plantedFault(const wire::UuidBytes&, uint32_t, const TaOperation&) {
     return std::nullopt;
 }
 #endif

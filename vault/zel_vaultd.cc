@@ -1,4 +1,4 @@
-// zel-vaultd: the host's TEE. Hosts the simulated TAs and serves TEE Client API connections on an
+// zel-vaultd: the host's TEE. Hosts the vault's GlobalPlatform TAs and serves TEE Client API connections on an
 // AF_UNIX socket until SIGINT or SIGTERM.
 #include <CLI/CLI.hpp>
 
@@ -14,14 +14,16 @@
 #include "control_ta.h"
 #include "fault_plan.h"
 #include "interface/zel_ta_ids.h"
-#include "secure_processor_ta.h"
+#include "object_store.h"
 #include "server.h"
+#include "sp_items.h"
+#include "ta_folder.h"
 #include "teec_wire.h"
-#include "vault_storage.h"
-#include "vault_ta.h"
 
 int main(int argc, char** argv) {
     using namespace zel::vault;
+    namespace tee = zel::tee;
+    namespace wire = zel::wire;
     CLI::App app{"zel-vaultd: the host TEE with the simulated vault TAs"};
     std::string socketPath = zel::wire::defaultSocketPath();
     bool control = false;
@@ -30,6 +32,9 @@ int main(int argc, char** argv) {
     app.add_option("--socket", socketPath, "Socket to listen on")->capture_default_str();
     app.add_option("--storage", storagePath,
                    "The vault's secure storage: an SQLite file kept across restarts")
+        ->capture_default_str();
+    std::string taFolder = TaFolder::besideProgram();
+    app.add_option("--ta-dir", taFolder, "The TA folder: GlobalPlatform TAs as <uuid>.so")
         ->capture_default_str();
     app.add_flag("--control", control, "Host the control TA (fault injection, reset) for tests");
     app.add_option("--ready-fd", readyFd,
@@ -66,27 +71,44 @@ int main(int argc, char** argv) {
     // The store, its WAL files and the socket are this user's alone.
     umask(077);
     std::string error;
-    const auto storage = VaultStorage::open(storagePath, error);
-    if (!storage) {
+    const auto store = tee::ObjectStore::open(storagePath, error);
+    if (!store) {
         std::cerr << "zel-vaultd: " << error << std::endl;
         return 1;
     }
-    VaultTa vault(*storage);
-    SecureProcessorTa secureProcessor(*storage);
-    TaRegistry registry;
+    TaFolder folder(taFolder, *store);
+    if (!folder.check(error)) {
+        std::cerr << "zel-vaultd: " << error << std::endl;
+        return 1;
+    }
+    TaRegistry registry([&folder](const wire::UuidBytes& uuid, TrustedApp& ta) {
+        return folder.load(uuid, ta);
+    });
     FaultPlan faults;
-    TrustedApp& vaultApp = addVaultTa(registry, vault);
-    TrustedApp& secureProcessorApp = addSecureProcessorTa(registry, secureProcessor);
     if (control) {
-        // Each waits for the TA it changes to finish its command.
+        // Each waits for the TA whose state it changes to finish its command.
         ControlHooks hooks;
         hooks.resetState = [&] {
-            std::scoped_lock oneAtATime(vaultApp.lock, secureProcessorApp.lock);
-            vault.reset();
+            TrustedApp* vault = registry.find(wire::uuidBytes(zel_test));
+            TrustedApp* secureProcessor = registry.find(wire::uuidBytes(zel_test_a));
+            std::unique_lock<std::mutex> first, second;
+            if (vault) first = std::unique_lock<std::mutex>(vault->lock);
+            if (secureProcessor) second = std::unique_lock<std::mutex>(secureProcessor->lock);
+            store->clear();
         };
-        hooks.setAnswer = [&](uint32_t item, const std::vector<uint8_t>& value) {
-            std::lock_guard<std::mutex> oneAtATime(secureProcessorApp.lock);
-            return secureProcessor.setAnswer(item, value);
+        hooks.setAnswer = [&](uint32_t item, const std::vector<uint8_t>& value) -> TEEC_Result {
+            // The secure processor's own rules, read from its header: the TA checks the value
+            // again when it reads it.
+            const sp_item_rule* rule = sp_item_rule_of(item);
+            if (!rule || !rule->settable ||
+                !sp_item_value_fits(rule, static_cast<uint32_t>(value.size())))
+                return TEEC_ERROR_BAD_PARAMETERS;
+            TrustedApp* secureProcessor = registry.find(wire::uuidBytes(zel_test_a));
+            std::unique_lock<std::mutex> oneAtATime;
+            if (secureProcessor) oneAtATime = std::unique_lock<std::mutex>(secureProcessor->lock);
+            const TEE_UUID secureProcessorUuid = ZEL_TEST_A_UUID;
+            const std::string id = rule->object_id;
+            return store->write(secureProcessorUuid, tee::Bytes(id.begin(), id.end()), value, true);
         };
         addControlTa(registry, faults, hooks);
     }

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "output_capture.h"
-#include "secure_processor_ta.h"
+#include "sp_items.h"
 #include "vault_fixture.h"
 #include "wsm_encoding.h"
 #include "zel_tc_lib.h"
@@ -12,7 +12,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using Item = zel::vault::SecureProcessorTa::Item;
 constexpr int32_t kNotFound = static_cast<int32_t>(TEEC_ERROR_ITEM_NOT_FOUND);
 constexpr int32_t kSecurity = static_cast<int32_t>(TEEC_ERROR_SECURITY);
 
@@ -22,7 +21,7 @@ class SecureProcessorTaTest : public VaultFixture {
         VaultFixture::SetUp();
         ASSERT_EQ(DataPlaceHolder::fill_zel_publicKey(1, key.data(), 540), TEEC_SUCCESS);
     }
-    void set(Item item, const Bytes& value) {
+    void set(sp_item item, const Bytes& value) {
         ASSERT_EQ(control.setSecureProcessor(item, value), TEEC_SUCCESS);
     }
     Bytes hackStatus() {
@@ -75,7 +74,7 @@ TEST_F(SecureProcessorTaTest, SelfTestFailsWhileAHackIsReportedUntilTheProcessor
     EXPECT_EQ(hackStatus(), Bytes(9, 0));
     EXPECT_EQ(secureProcessor.zel_selfTestAll(), 0);
 
-    set(Item::kHackStatus, {0x00, 0x01, 0x80});
+    set(SP_HACK_STATUS, {0x00, 0x01, 0x80});
     EXPECT_EQ(hackStatus(), (Bytes{0x00, 0x01, 0x80, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(secureProcessor.zel_selfTestAll(), kSecurity);
     EXPECT_EQ(secureProcessor.zel_forceRecovery(), 0);
@@ -85,7 +84,7 @@ TEST_F(SecureProcessorTaTest, SelfTestFailsWhileAHackIsReportedUntilTheProcessor
     EXPECT_EQ(hackStatus(), Bytes(9, 0));
 
     // An empty status reaches the library as a zero length.
-    set(Item::kHackStatus, {});
+    set(SP_HACK_STATUS, {});
     unsigned char status[9];
     EXPECT_EQ(secureProcessor.zel_getHackInfo(status, 9), static_cast<int32_t>(TEEC_ERROR_NO_DATA));
 }
@@ -102,25 +101,25 @@ TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
 
     // A failed update: the report carries its codes, the plain command fails.
     const int32_t codes[2] = {1, -51};
-    set(Item::kUpdateResult, Bytes(reinterpret_cast<const uint8_t*>(codes),
+    set(SP_UPDATE_RESULT, Bytes(reinterpret_cast<const uint8_t*>(codes),
                                    reinterpret_cast<const uint8_t*>(codes) + 8));
-    set(Item::kSystemVersion, {'2', '.', '0'});
+    set(SP_SYSTEM_VERSION, {'2', '.', '0'});
     ASSERT_EQ(secureProcessor.ze_updateFW(0, system, app, &result), 0);
     EXPECT_EQ(system, "2.0");
     EXPECT_EQ(zelResultToStr(result),
               "ZEL result is:\n\t\tZEL: ZEL_RET_FAIL\n\t\tFirmware: -IRDO_FW_ERROR");
     EXPECT_EQ(secureProcessor.zel_updateFW(0), static_cast<int32_t>(TEEC_ERROR_GENERIC));
 
-    set(Item::kAppVersion, {});
+    set(SP_APP_VERSION, {});
     EXPECT_EQ(secureProcessor.ze_updateFW(0, system, app, &result),
               static_cast<int32_t>(TEEC_ERROR_COMMUNICATION));
     EXPECT_EQ(output.lines().back(), "GetUint() app_ver_size error");
 
     // Only the answers are the control TA's to set, each in its own shape.
-    EXPECT_EQ(control.setSecureProcessor(Item::kUpdateResult, Bytes(7)), TEEC_ERROR_BAD_PARAMETERS);
-    EXPECT_EQ(control.setSecureProcessor(Item::kFirmwareWords, Bytes(6)),
+    EXPECT_EQ(control.setSecureProcessor(SP_UPDATE_RESULT, Bytes(7)), TEEC_ERROR_BAD_PARAMETERS);
+    EXPECT_EQ(control.setSecureProcessor(SP_FIRMWARE_WORDS, Bytes(6)),
               TEEC_ERROR_BAD_PARAMETERS);
-    EXPECT_EQ(control.setSecureProcessor(Item::kAkKey, Bytes(540, '0')), TEEC_ERROR_BAD_PARAMETERS);
+    EXPECT_EQ(control.setSecureProcessor(SP_AK_KEY, Bytes(540, '0')), TEEC_ERROR_BAD_PARAMETERS);
     EXPECT_EQ(control.setSecureProcessor(99, Bytes(4)), TEEC_ERROR_BAD_PARAMETERS);
 }
 
@@ -129,14 +128,14 @@ TEST_F(SecureProcessorTaTest, FirmwareInformationIsTheStoredWordsUnderBothIds) {
     ASSERT_EQ(secureProcessor.zel_getFWInfo(info.data(), 10), 0);
     EXPECT_EQ(info, (std::vector<unsigned int>{1, 0, 2, 7, 1, 0, 0, 0, 0, 0}));
 
-    set(Item::kFirmwareWords, {0xff, 0xff, 0xff, 0xff, 0x2a, 0, 0, 0});
+    set(SP_FIRMWARE_WORDS, {0xff, 0xff, 0xff, 0xff, 0x2a, 0, 0, 0});
     std::vector<unsigned int> two(10, 0);
     ASSERT_EQ(secureProcessor.ze_getFWInfo(two.data(), 10), 0);
     EXPECT_EQ(two[0], 0xFFFFFFFFu);
     EXPECT_EQ(two[1], 42u);
     EXPECT_EQ(two[2], 0u);
 
-    set(Item::kFirmwareWords, {});
+    set(SP_FIRMWARE_WORDS, {});
     EXPECT_EQ(secureProcessor.zel_getFWInfo(info.data(), 10),
               static_cast<int32_t>(TEEC_ERROR_NO_DATA));
 }

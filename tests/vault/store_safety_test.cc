@@ -19,7 +19,7 @@
 #include "daemon_launcher.h"
 #include "output_capture.h"
 #include "store_fixture.h"
-#include "vault_storage.h"
+#include "object_store.h"
 #include "zel_tc_lib.h"
 
 namespace {
@@ -120,14 +120,22 @@ TEST_F(StoreSafetyTest, AnotherProgramsDatabaseIsRefusedAndLeftUntouched) {
 
 TEST_F(StoreSafetyTest, MalformedRowsAreBadStateAndTheDaemonServesOn) {
     {
-        // Rows with good checksums but values no command would have stored.
+        // Objects with good checksums but values no command would have stored: the vault TA's
+        // objects by their ids, a key as its type byte and its material.
         std::string error;
-        auto store = zel::vault::VaultStorage::open(storage_, error);
+        auto store = zel::tee::ObjectStore::open(storage_, error);
         ASSERT_TRUE(store) << error;
-        ASSERT_EQ(store->writeHubToken(1, Bytes(15, 0x41)), TEEC_SUCCESS);  // needs 48 bytes
-        ASSERT_EQ(store->writeKey(2, {6, Bytes(5, 1)}), TEEC_SUCCESS);      // AES needs 32
-        ASSERT_EQ(store->writeKey(3, {5, Bytes(40, 2)}), TEEC_SUCCESS);     // not a DER key
-        ASSERT_EQ(store->writeSlot(4, Bytes(5000, 3)), TEEC_SUCCESS);       // slots hold 4096
+        const TEE_UUID vault = ZEL_TEST_UUID;
+        const auto put = [&](const std::string& id, Bytes value) {
+            return store->write(vault, Bytes(id.begin(), id.end()), value, true);
+        };
+        Bytes aes = {6}, ec = {5};
+        aes.resize(6, 1);   // AES needs 32
+        ec.resize(41, 2);   // not a DER key
+        ASSERT_EQ(put("hub.1", Bytes(15, 0x41)), TEE_SUCCESS);  // needs 48 bytes
+        ASSERT_EQ(put("key.2", aes), TEE_SUCCESS);
+        ASSERT_EQ(put("key.3", ec), TEE_SUCCESS);
+        ASSERT_EQ(put("slot.4", Bytes(5000, 3)), TEE_SUCCESS);  // slots hold 4096
     }
     std::string error;
     ASSERT_TRUE(startDaemon(error)) << error;

@@ -1,0 +1,188 @@
+// zel-vaultd in a 256 MiB address space (RLIMIT_AS, set by prlimit as a device's service manager
+// might): a connection's thread costs only the stack it is sized to, so 64 clients at once are
+// all served; when the address space is spent, clients are told so or turned away, never left
+// hanging, and the daemon serves again once memory is given back.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "daemon_launcher.h"
+#include "interface/zel_ta_ids.h"
+#include "process_probe.h"
+#include "raw_client.h"
+
+namespace {
+
+using zel::test::RawClient;
+using zel::vault::UniqueFd;
+namespace wire = zel::wire;
+
+constexpr unsigned long kAddressSpace = 256ul << 20;
+
+// Why this build cannot run the daemon in a small address space, or empty when it can.
+std::string whyNotTestable() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return "ASan and TSan reserve terabytes of address space for their shadow memory";
+#endif
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+    return "ASan and TSan reserve terabytes of address space for their shadow memory";
+#endif
+#endif
+    const std::string emulator = zel::vault::programEmulator();
+    if (!emulator.empty())
+        return "zel-vaultd runs under " + emulator +
+               ", whose own address space the limit would bound (it reserves the guest's whole "
+               "address space up front)";
+    return {};
+}
+
+// The address-space limit that a process runs under, as /proc shows it; 0 when unreadable.
+unsigned long addressSpaceLimit(pid_t pid) {
+    std::ifstream limits("/proc/" + std::to_string(pid) + "/limits");
+    for (std::string line; std::getline(limits, line);)
+        if (line.rfind("Max address space", 0) == 0)
+            return std::strtoul(line.c_str() + 17, nullptr, 10);
+    return 0;
+}
+
+wire::Request openRequest() {
+    wire::Request open{};
+    open.op = wire::kOpenSession;
+    open.uuid = wire::uuidBytes(zel_test);
+    return open;
+}
+
+// A registration of a sealed block of any size; the memfd is never touched, so it costs the
+// daemon address space but no memory.
+wire::Reply registerBlock(RawClient& client, size_t size) {
+    UniqueFd memory(memfd_create("address-space", MFD_ALLOW_SEALING));
+    EXPECT_EQ(ftruncate(memory.get(), static_cast<off_t>(size)), 0);
+    EXPECT_EQ(fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
+    wire::Request request{};
+    request.op = wire::kRegisterMemory;
+    request.size = static_cast<uint32_t>(size);
+    request.flags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
+    return client.call(request, memory.get());
+}
+
+class AddressSpaceTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        const std::string reason = whyNotTestable();
+        if (!reason.empty()) GTEST_SKIP() << "NOT TESTED: " << reason;
+        zel::vault::VaultDaemon::Options options;
+        options.wrapper = {"prlimit", "--as=" + std::to_string(kAddressSpace), "--"};
+        std::string error;
+        daemon = zel::vault::VaultDaemon::start(options, error);
+        ASSERT_TRUE(daemon) << error;
+        ASSERT_EQ(addressSpaceLimit(daemon->pid()), kAddressSpace);
+    }
+    void TearDown() override {
+        if (daemon) EXPECT_TRUE(daemon->stop()) << "zel-vaultd did not exit cleanly";
+        daemon.reset();
+    }
+
+    std::unique_ptr<zel::vault::VaultDaemon> daemon;
+};
+
+TEST_F(AddressSpaceTest, SixtyFourClientsAtOnceAreAllServed) {
+    constexpr int kClients = 64;
+    const wire::Request open = openRequest();
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (int i = 0; i < kClients; ++i) {
+        clients.push_back(std::make_unique<RawClient>(daemon->socketPath()));
+        ASSERT_TRUE(clients.back()->connected());
+        ASSERT_TRUE(wire::sendMessage(clients.back()->fd(), &open, sizeof open, -1));
+    }
+    std::vector<uint32_t> sessions;
+    for (auto& client : clients) {
+        wire::Reply reply{};
+        const ssize_t got = recv(client->fd(), &reply, sizeof reply, 0);
+        if (got == static_cast<ssize_t>(sizeof reply) && reply.result == TEEC_SUCCESS)
+            sessions.push_back(reply.id);
+    }
+    ASSERT_EQ(sessions.size(), static_cast<size_t>(kClients))
+        << "only " << sessions.size() << " of " << kClients << " clients got a session";
+    // Every connection still open, each on its own thread: a command through the TA on each.
+    for (int i = 0; i < kClients; ++i) {
+        const uint32_t block = clients[i]->registerBlock();
+        ASSERT_EQ(clients[i]->lastResult, TEEC_SUCCESS) << "client " << i;
+        EXPECT_EQ(clients[i]->invoke(sessions[i], zel::cmd::zel_getSlotInfo, block, 0, 8192).result,
+                  TEEC_SUCCESS)
+            << "client " << i;
+    }
+    EXPECT_GE(zel::test::threadCount(daemon->pid()), kClients);
+}
+
+TEST_F(AddressSpaceTest, SpentAddressSpaceIsAnsweredAndServedAgainOnceFreed) {
+    const wire::Request open = openRequest();
+    // Connected before the address space runs out, to ask for memory afterwards.
+    RawClient bystander(daemon->socketPath());
+    ASSERT_NE(bystander.openSession(zel_test), 0u);
+
+    // One client maps blocks until the daemon's address space is spent: as many 8 MiB blocks
+    // as fit, then ever smaller ones down to 16 KiB (fewer than a connection's 64 blocks).
+    RawClient hoarder(daemon->socketPath());
+    ASSERT_NE(hoarder.openSession(zel_test), 0u);
+    size_t held = 0;
+    for (size_t size = TEEC_CONFIG_SHAREDMEM_MAX_SIZE; size >= 16 * 1024; size /= 8) {
+        wire::Reply reply{};
+        while ((reply = registerBlock(hoarder, size)).result == TEEC_SUCCESS) held += size;
+        EXPECT_EQ(reply.result, TEEC_ERROR_OUT_OF_MEMORY) << "a block of " << size << " bytes";
+        EXPECT_EQ(reply.origin, TEEC_ORIGIN_TEE);
+    }
+    EXPECT_GT(held, kAddressSpace / 2) << "the daemon kept most of its address space to itself";
+
+    // A client that was already served is told there is no memory for its block.
+    const wire::Reply refused = registerBlock(bystander, 16 * 1024);
+    EXPECT_EQ(refused.result, TEEC_ERROR_OUT_OF_MEMORY);
+    EXPECT_EQ(refused.origin, TEEC_ORIGIN_TEE);
+
+    // A new client is turned away at once (its connection closed, which the client library
+    // reports as TEEC_ERROR_GENERIC from TEEC_ORIGIN_COMMS), or served and told there is no
+    // memory for its block; never left waiting.
+    for (int i = 0; i < 3; ++i) {
+        RawClient late(daemon->socketPath());
+        ASSERT_TRUE(late.connected());
+        wire::Reply reply{};
+        const bool sent = wire::sendMessage(late.fd(), &open, sizeof open, -1);
+        const ssize_t got = sent ? recv(late.fd(), &reply, sizeof reply, 0) : 0;
+        if (got == 0 || (got < 0 && errno == ECONNRESET)) continue;
+        ASSERT_EQ(got, static_cast<ssize_t>(sizeof reply)) << "late client " << i << ": "
+                                                           << std::strerror(errno);
+        EXPECT_EQ(reply.result, TEEC_SUCCESS);
+        EXPECT_EQ(registerBlock(late, 16 * 1024).result, TEEC_ERROR_OUT_OF_MEMORY);
+    }
+    EXPECT_EQ(kill(daemon->pid(), 0), 0) << "the daemon is gone";
+
+    // Once the hoarder has gone, its address space is the daemon's again.
+    hoarder.close();
+    EXPECT_TRUE(zel::test::eventually(
+        [&] {
+            RawClient next(daemon->socketPath());
+            wire::Reply reply{};
+            if (!wire::sendMessage(next.fd(), &open, sizeof open, -1) ||
+                recv(next.fd(), &reply, sizeof reply, 0) != static_cast<ssize_t>(sizeof reply) ||
+                reply.result != TEEC_SUCCESS)
+                return false;
+            const uint32_t session = reply.id;
+            reply = registerBlock(next, TEEC_CONFIG_SHAREDMEM_MAX_SIZE);
+            return reply.result == TEEC_SUCCESS &&
+                   next.invoke(session, zel::cmd::zel_getSlotInfo, reply.id, 0, 8192).result ==
+                       TEEC_SUCCESS;
+        },
+        20000));
+    EXPECT_EQ(registerBlock(bystander, 16 * 1024).result, TEEC_SUCCESS);
+}
+
+}  // namespace

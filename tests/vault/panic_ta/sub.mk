@@ -1,0 +1,2 @@
+global-incdirs-y += .
+srcs-y += panic_ta.c
