@@ -7,9 +7,7 @@
 #include <cstring>
 #include <vector>
 
-extern "C" {
 #include "der.h"
-}
 
 namespace {
 

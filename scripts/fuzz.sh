@@ -29,7 +29,7 @@ cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz -j "$(nproc)"
 
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(fuzz_codec_reader fuzz_support_parsers fuzz_ta_requests fuzz_daemon_connection)
+[ ${#targets[@]} -eq 0 ] && targets=(fuzz_codec_reader fuzz_support_parsers fuzz_ta_requests fuzz_daemon_connection fuzz_der_reader)
 # Seeds of this run only, so that campaigns of different targets can run side by side.
 seeds=$(mktemp -d build-fuzz/seeds.XXXXXX)
 trap 'rm -rf "$seeds"' EXIT

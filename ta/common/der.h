@@ -8,6 +8,14 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+#ifdef __cplusplus
+extern "C" {
+#ifdef __cplusplus
+}
+#endif
+
+#endif
+
 #define DER_P256_SIZE 32
 /* An ECPrivateKey as der_write_ec_private_key writes it: version 1, a 32-byte private key, the
  * curve and the public key. */
@@ -35,5 +43,9 @@ void der_write_ec_private_key(const struct der_ec_key *key, uint8_t out[DER_EC_P
 /* An ECDSA-Sig-Value of r and s (each 32 bytes big-endian, one after the other): its length. */
 uint32_t der_write_ecdsa_signature(const uint8_t rs[2 * DER_P256_SIZE],
                                    uint8_t out[DER_ECDSA_SIGNATURE_MAX]);
+
+#ifdef __cplusplus
+}
+#endif
 
 #endif

@@ -17,9 +17,7 @@
 
 #include "support/test_vectors.h"
 
-extern "C" {
 #include "der.h"
-}
 
 namespace {
 
