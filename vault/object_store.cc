@@ -71,7 +71,8 @@ Bytes rowSum(const Bytes& ta, const Bytes& id, const Bytes& data) {
                 EVP_DigestUpdate(context.get(), kTable, sizeof kTable) == 1;
     for (const Bytes* field : {&ta, &id, &data}) {
         uint8_t length[8];
-        for (int byte = 0; byte < 8; ++byte) length[byte] = uint8_t(uint64_t(field->size()) >> (8 * byte));
+        for (int byte = 0; byte < 8; ++byte)
+            length[byte] = uint8_t(uint64_t(field->size()) >> (8 * byte));
         good = good && EVP_DigestUpdate(context.get(), length, sizeof length) == 1 &&
                EVP_DigestUpdate(context.get(), field->data(), field->size()) == 1;
     }
@@ -122,7 +123,8 @@ bool privateStoreFile(const std::string& path, bool& created, std::string& error
 // a later statement (a ROLLBACK) replaces it, with "not an error" when that one succeeds.
 std::string sqliteFailure(sqlite3* db) {
     std::string text = sqlite3_errmsg(db);
-    if (const int system = sqlite3_system_errno(db)) text += std::string(" (") + std::strerror(system) + ")";
+    if (const int system = sqlite3_system_errno(db))
+        text += std::string(" (") + std::strerror(system) + ")";
     return text;
 }
 

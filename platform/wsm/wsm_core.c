@@ -74,3 +74,14 @@ bool wsm_get_uint(struct wsm_cursor *in, uint32_t *value) {
     if (payload) *value = load_le32(payload);
     return payload != NULL;
 }
+
+uint32_t wsm_message_size(const void *block, uint32_t size) {
+    const uint8_t *bytes = (const uint8_t *)block;
+    uint64_t position = 0;
+    if (!block) return 0;
+    while (position + WSM_FIELD_HEADER_SIZE <= size) {
+        if (load_le32(bytes + position) == WSM_END) return (uint32_t)(position + sizeof(uint32_t));
+        position += WSM_FIELD_HEADER_SIZE + padded_length(load_le32(bytes + position + 4));
+    }
+    return size;
+}

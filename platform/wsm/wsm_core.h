@@ -43,6 +43,10 @@ bool wsm_get_uint(struct wsm_cursor *in, uint32_t *value);
 /* The tag of the next field (WSM_END at the end of the message or of the block). */
 uint32_t wsm_peek(const struct wsm_cursor *in);
 
+/* How many bytes of a block its message takes, end marker included (at most the block's size):
+ * all that a reader of the message needs to see. */
+uint32_t wsm_message_size(const void *block, uint32_t size);
+
 #ifdef __cplusplus
 }
 #endif

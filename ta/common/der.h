@@ -10,10 +10,6 @@
 
 #ifdef __cplusplus
 extern "C" {
-#ifdef __cplusplus
-}
-#endif
-
 #endif
 
 #define DER_P256_SIZE 32

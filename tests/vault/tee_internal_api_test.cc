@@ -1,6 +1,6 @@
 // The Internal Core API the daemon gives its TAs, called as a TA calls it: inside runInTa, so
 // that a panic ends the call and leaves a context to destroy. Known answers come from the
-// public vectors (FIPS 180-2, RFC 4231, RFC 4493, SP 800-38A, the GCM specification's tests).
+// public vectors (FIPS 180-2, RFC 4231, RFC 4493, SP 800-38A, McGrew and Viega's GCM test cases).
 #include <gtest/gtest.h>
 
 #include <openssl/core_names.h>
@@ -103,8 +103,8 @@ TEE_Result createObject(const char* id, const std::string& data, uint32_t flags)
 // The object's whole data, or the failure as text.
 std::string readObject(const char* id) {
     TEE_ObjectHandle object = TEE_HANDLE_NULL;
-    const TEE_Result opened = TEE_OpenPersistentObject(
-        TEE_STORAGE_PRIVATE, id, std::strlen(id), TEE_DATA_FLAG_ACCESS_READ, &object);
+    const TEE_Result opened = TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, id, std::strlen(id),
+                                                       TEE_DATA_FLAG_ACCESS_READ, &object);
     if (opened != TEE_SUCCESS) {
         EXPECT_EQ(object, nullptr);
         char text[32];
@@ -221,28 +221,26 @@ TEST_F(TeeApiTest, KnownAnswerVectorsInPiecesAndTamperedGcmTag) {
                     break;
                 case TEE_ALG_AES_CBC_NOPAD:
                     TEE_CipherInit(operation, iv.data(), iv.size());
-                    EXPECT_EQ(TEE_CipherUpdate(operation, input.data(), split, output.data(),
-                                               &first),
-                              TEE_SUCCESS);
+                    EXPECT_EQ(
+                        TEE_CipherUpdate(operation, input.data(), split, output.data(), &first),
+                        TEE_SUCCESS);
                     EXPECT_EQ(first, 0u);  // short of a block: held back
                     last = output.size() - first;
                     EXPECT_EQ(TEE_CipherDoFinal(operation, input.data() + split,
-                                                input.size() - split, output.data() + first,
-                                                &last),
+                                                input.size() - split, output.data() + first, &last),
                               TEE_SUCCESS);
                     break;
                 default: {
-                    EXPECT_EQ(TEE_AEInit(operation, iv.data(), iv.size(), 128, aad.size(),
-                                         input.size()),
-                              TEE_SUCCESS);
+                    EXPECT_EQ(
+                        TEE_AEInit(operation, iv.data(), iv.size(), 128, aad.size(), input.size()),
+                        TEE_SUCCESS);
                     TEE_AEUpdateAAD(operation, aad.data(), aad.size());
                     EXPECT_EQ(TEE_AEUpdate(operation, input.data(), split, output.data(), &first),
                               TEE_SUCCESS);
                     last = output.size() - first;
                     EXPECT_EQ(TEE_AEDecryptFinal(operation, input.data() + split,
-                                                 input.size() - split, output.data() + first,
-                                                 &last, const_cast<uint8_t*>(tag.data()),
-                                                 tag.size()),
+                                                 input.size() - split, output.data() + first, &last,
+                                                 const_cast<uint8_t*>(tag.data()), tag.size()),
                               TEE_SUCCESS);
                     // The same message with one bit of its tag flipped gives nothing out.
                     Bytes badTag = tag, untouched(input.size(), 0xEE);
@@ -250,10 +248,10 @@ TEST_F(TeeApiTest, KnownAnswerVectorsInPiecesAndTamperedGcmTag) {
                     size_t size = untouched.size();
                     EXPECT_EQ(TEE_AEInit(operation, iv.data(), iv.size(), 128, 0, 0), TEE_SUCCESS);
                     TEE_AEUpdateAAD(operation, aad.data(), aad.size());
-                    EXPECT_EQ(TEE_AEDecryptFinal(operation, input.data(), input.size(),
-                                                 untouched.data(), &size, badTag.data(),
-                                                 badTag.size()),
-                              TEE_ERROR_MAC_INVALID);
+                    EXPECT_EQ(
+                        TEE_AEDecryptFinal(operation, input.data(), input.size(), untouched.data(),
+                                           &size, badTag.data(), badTag.size()),
+                        TEE_ERROR_MAC_INVALID);
                     EXPECT_EQ(size, 0u);
                     EXPECT_EQ(untouched, Bytes(input.size(), 0xEE));
                 }
@@ -369,7 +367,8 @@ const PanicCase kPanics[] = {
          TEE_GetObjectInfo1(foreignHandle, &info);
      },
      TEE_ERROR_BAD_PARAMETERS},
-    {"an operation handle as an object", [] {
+    {"an operation handle as an object",
+     [] {
          TEE_OperationHandle digest = TEE_HANDLE_NULL;
          TEE_AllocateOperation(&digest, TEE_ALG_SHA256, TEE_MODE_DIGEST, 0);
          TEE_CloseObject(reinterpret_cast<TEE_ObjectHandle>(digest));
@@ -434,9 +433,7 @@ const PanicCase kPanics[] = {
 };
 
 TEST_F(TeeApiTest, MisuseAndBadHandlesPanicTheTaAndItsContextFreesAll) {
-    auto makeForeign = [] {
-        TEE_AllocateTransientObject(TEE_TYPE_AES, 128, &foreignHandle);
-    };
+    auto makeForeign = [] { TEE_AllocateTransientObject(TEE_TYPE_AES, 128, &foreignHandle); };
     TaContext other(*store_, kOther, kHeap);
     run(makeForeign, &other);
     ASSERT_NE(foreignHandle, nullptr);
@@ -465,11 +462,13 @@ TEST_F(TeeApiTest, MisuseAndBadHandlesPanicTheTaAndItsContextFreesAll) {
         EXPECT_EQ(code, panic.code);
     }
     // The other TA's handle is still its own.
-    run([] {
-        TEE_ObjectInfo info;
-        EXPECT_EQ(TEE_GetObjectInfo1(foreignHandle, &info), TEE_SUCCESS);
-        EXPECT_EQ(info.objectType, TEE_TYPE_AES);
-    }, &other);
+    run(
+        [] {
+            TEE_ObjectInfo info;
+            EXPECT_EQ(TEE_GetObjectInfo1(foreignHandle, &info), TEE_SUCCESS);
+            EXPECT_EQ(info.objectType, TEE_TYPE_AES);
+        },
+        &other);
 }
 
 TEST(TeeApiOutsideTaTest, PanicOutsideAnyTaAbortsTheHost) {
@@ -478,25 +477,27 @@ TEST(TeeApiOutsideTaTest, PanicOutsideAnyTaAbortsTheHost) {
 
 TEST_F(TeeApiTest, HeapLimitMakesMallocAndAllocationsFail) {
     TaContext small(*store_, kVault, 4096);
-    run([&small] {
-        auto* block = static_cast<uint8_t*>(TEE_Malloc(3000, TEE_MALLOC_FILL_ZERO));
-        ASSERT_NE(block, nullptr);
-        EXPECT_EQ(std::count(block, block + 3000, 0), 3000);
-        EXPECT_EQ(TEE_Malloc(2000, TEE_MALLOC_FILL_ZERO), nullptr);
-        EXPECT_EQ(TEE_Malloc(16, 0x80), nullptr);  // a hint the standard does not define
-        void* rest = TEE_Malloc(4096 - small.heapInUse(), TEE_MALLOC_FILL_ZERO);
-        EXPECT_NE(rest, nullptr);
-        TEE_OperationHandle operation = reinterpret_cast<TEE_OperationHandle>(1);
-        EXPECT_EQ(TEE_AllocateOperation(&operation, TEE_ALG_SHA256, TEE_MODE_DIGEST, 0),
-                  TEE_ERROR_OUT_OF_MEMORY);
-        EXPECT_EQ(operation, nullptr);
-        TEE_Free(block);
-        TEE_Free(rest);
-        TEE_Free(nullptr);
-        block = static_cast<uint8_t*>(TEE_Malloc(4000, TEE_MALLOC_NO_FILL));
-        EXPECT_NE(block, nullptr);
-        TEE_Free(block);
-    }, &small);
+    run(
+        [&small] {
+            auto* block = static_cast<uint8_t*>(TEE_Malloc(3000, TEE_MALLOC_FILL_ZERO));
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(std::count(block, block + 3000, 0), 3000);
+            EXPECT_EQ(TEE_Malloc(2000, TEE_MALLOC_FILL_ZERO), nullptr);
+            EXPECT_EQ(TEE_Malloc(16, 0x80), nullptr);  // a hint the standard does not define
+            void* rest = TEE_Malloc(4096 - small.heapInUse(), TEE_MALLOC_FILL_ZERO);
+            EXPECT_NE(rest, nullptr);
+            TEE_OperationHandle operation = reinterpret_cast<TEE_OperationHandle>(1);
+            EXPECT_EQ(TEE_AllocateOperation(&operation, TEE_ALG_SHA256, TEE_MODE_DIGEST, 0),
+                      TEE_ERROR_OUT_OF_MEMORY);
+            EXPECT_EQ(operation, nullptr);
+            TEE_Free(block);
+            TEE_Free(rest);
+            TEE_Free(nullptr);
+            block = static_cast<uint8_t*>(TEE_Malloc(4000, TEE_MALLOC_NO_FILL));
+            EXPECT_NE(block, nullptr);
+            TEE_Free(block);
+        },
+        &small);
     EXPECT_EQ(small.heapInUse(), 0u);
 }
 
@@ -512,10 +513,10 @@ TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
         EXPECT_EQ(readObject("empty"), "");
 
         TEE_ObjectHandle object = TEE_HANDLE_NULL;
-        ASSERT_EQ(TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, "slot.1", 6,
-                                           TEE_DATA_FLAG_ACCESS_READ | TEE_DATA_FLAG_SHARE_READ,
-                                           &object),
-                  TEE_SUCCESS);
+        ASSERT_EQ(
+            TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, "slot.1", 6,
+                                     TEE_DATA_FLAG_ACCESS_READ | TEE_DATA_FLAG_SHARE_READ, &object),
+            TEE_SUCCESS);
         char buffer[8];
         size_t count = 0;
         EXPECT_EQ(TEE_ReadObjectData(object, buffer, 3, &count), TEE_SUCCESS);
@@ -535,22 +536,22 @@ TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
         // Open for shared reading: another shared reader is welcome, an exclusive one or a
         // replacement is not.
         TEE_ObjectHandle second = TEE_HANDLE_NULL;
-        EXPECT_EQ(TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, "slot.1", 6,
-                                           TEE_DATA_FLAG_ACCESS_READ | TEE_DATA_FLAG_SHARE_READ,
-                                           &second),
-                  TEE_SUCCESS);
+        EXPECT_EQ(
+            TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, "slot.1", 6,
+                                     TEE_DATA_FLAG_ACCESS_READ | TEE_DATA_FLAG_SHARE_READ, &second),
+            TEE_SUCCESS);
         TEE_CloseObject(second);
         EXPECT_EQ(readObject("slot.1"), "error 0xffff0003");
         EXPECT_EQ(createObject("slot.1", "x", TEE_DATA_FLAG_OVERWRITE), TEE_ERROR_ACCESS_CONFLICT);
         TEE_CloseObject(object);
 
-        EXPECT_EQ(TEE_OpenPersistentObject(0x80000000u, "slot.1", 6, TEE_DATA_FLAG_ACCESS_READ,
-                                           &object),
-                  TEE_ERROR_ITEM_NOT_FOUND);
+        EXPECT_EQ(
+            TEE_OpenPersistentObject(0x80000000u, "slot.1", 6, TEE_DATA_FLAG_ACCESS_READ, &object),
+            TEE_ERROR_ITEM_NOT_FOUND);
         TEE_ObjectHandle key = secretKey(TEE_TYPE_AES, Bytes(16, 1));
-        EXPECT_EQ(TEE_CreatePersistentObject(TEE_STORAGE_PRIVATE, "key", 3, 0, key, nullptr, 0,
-                                             &object),
-                  TEE_ERROR_NOT_SUPPORTED);
+        EXPECT_EQ(
+            TEE_CreatePersistentObject(TEE_STORAGE_PRIVATE, "key", 3, 0, key, nullptr, 0, &object),
+            TEE_ERROR_NOT_SUPPORTED);
         TEE_FreeTransientObject(key);
 
         ASSERT_EQ(TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, "slot.1", 6,
@@ -563,11 +564,13 @@ TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
 
     // Another TA has a storage of its own under the same ids.
     TaContext other(*store_, kOther, kHeap);
-    run([] {
-        EXPECT_EQ(readObject("slot.1"), "error 0xffff0008");
-        EXPECT_EQ(createObject("slot.1", "theirs", 0), TEE_SUCCESS);
-        EXPECT_EQ(readObject("slot.1"), "theirs");
-    }, &other);
+    run(
+        [] {
+            EXPECT_EQ(readObject("slot.1"), "error 0xffff0008");
+            EXPECT_EQ(createObject("slot.1", "theirs", 0), TEE_SUCCESS);
+            EXPECT_EQ(readObject("slot.1"), "theirs");
+        },
+        &other);
     run([] { EXPECT_EQ(readObject("slot.1"), "mine"); });
     EXPECT_EQ(store_->clear(), TEE_SUCCESS);
     run([] { EXPECT_EQ(readObject("slot.1"), "error 0xffff0008"); }, &other);
@@ -601,9 +604,9 @@ bool verifies(const Bytes& x, const Bytes& y, const Bytes& digest, const Bytes& 
     unsigned char* der = nullptr;
     const int derSize = i2d_ECDSA_SIG(parts, &der);
     EVP_PKEY_CTX* context = key ? EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr) : nullptr;
-    const bool good = context && derSize > 0 && EVP_PKEY_verify_init(context) == 1 &&
-                      EVP_PKEY_verify(context, der, size_t(derSize), digest.data(),
-                                      digest.size()) == 1;
+    const bool good =
+        context && derSize > 0 && EVP_PKEY_verify_init(context) == 1 &&
+        EVP_PKEY_verify(context, der, size_t(derSize), digest.data(), digest.size()) == 1;
     EVP_PKEY_CTX_free(context);
     OPENSSL_free(der);
     ECDSA_SIG_free(parts);
@@ -768,7 +771,8 @@ class StoreFileTest : public testing::Test {
     void exec(const char* sql) {
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+        EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(db);
         sqlite3_close(db);
         chmod(path_.c_str(), 0600);
     }
@@ -810,8 +814,9 @@ TEST_F(StoreFileTest, DamagedRowIsCorruptObjectAndAcknowledgedWritesSurviveReope
 }
 
 TEST_F(StoreFileTest, StoresOfAnotherLayoutOrProgramAreRefusedUntouched) {
-    exec("CREATE TABLE slots (idx INTEGER PRIMARY KEY); PRAGMA application_id = 1514490966;"
-         "PRAGMA user_version = 1;");
+    exec(
+        "CREATE TABLE slots (idx INTEGER PRIMARY KEY); PRAGMA application_id = 1514490966;"
+        "PRAGMA user_version = 1;");
     std::string error;
     EXPECT_FALSE(ObjectStore::open(path_, error));
     EXPECT_NE(error.find("is a vault store of another layout (1, this daemon reads 2)"),

@@ -24,8 +24,12 @@ struct Verdict {
     TEE_Result result;
     bool panic;
 };
-inline Verdict answer(TEE_Result result) { return {result, false}; }
-inline Verdict panicWith(TEE_Result code) { return {code, true}; }
+inline Verdict answer(TEE_Result result) {
+    return {result, false};
+}
+inline Verdict panicWith(TEE_Result code) {
+    return {code, true};
+}
 inline TEE_Result settle(Verdict verdict) {
     if (verdict.panic) TEE_Panic(verdict.result);
     return verdict.result;
@@ -43,7 +47,8 @@ struct FreeWith {
 using PkeyPointer = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY, EVP_PKEY_free>>;
 using PkeyContextPointer = std::unique_ptr<EVP_PKEY_CTX, FreeWith<EVP_PKEY_CTX, EVP_PKEY_CTX_free>>;
 using DigestPointer = std::unique_ptr<EVP_MD_CTX, FreeWith<EVP_MD_CTX, EVP_MD_CTX_free>>;
-using CipherPointer = std::unique_ptr<EVP_CIPHER_CTX, FreeWith<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>>;
+using CipherPointer =
+    std::unique_ptr<EVP_CIPHER_CTX, FreeWith<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free>>;
 using MacPointer = std::unique_ptr<EVP_MAC_CTX, FreeWith<EVP_MAC_CTX, EVP_MAC_CTX_free>>;
 
 // Bytes that hold key material are wiped before they are freed.
@@ -55,7 +60,9 @@ struct Attribute {
     uint32_t a = 0, b = 0;
 };
 
-inline bool isValueAttribute(uint32_t id) { return (id & TEE_ATTR_FLAG_VALUE) != 0; }
+inline bool isValueAttribute(uint32_t id) {
+    return (id & TEE_ATTR_FLAG_VALUE) != 0;
+}
 
 struct Object {
     ~Object();

@@ -65,7 +65,8 @@ void setMagnitude(TEE_BigInt* number, const uint8_t* bigEndian, size_t size, boo
 BignumPointer toBignum(const TEE_BigInt* number) {
     const size_t size = usedBytes(number);
     Bytes bigEndian(size);
-    for (size_t index = 0; index < size; ++index) bigEndian[size - 1 - index] = byteAt(number, index);
+    for (size_t index = 0; index < size; ++index)
+        bigEndian[size - 1 - index] = byteAt(number, index);
     BignumPointer result(BN_bin2bn(bigEndian.data(), int(size), nullptr));
     if (result) BN_set_negative(result.get(), negative(number));
     return result;
@@ -83,7 +84,8 @@ Verdict modular(ModularOperation operation, TEE_BigInt* dest, const TEE_BigInt* 
                 const TEE_BigInt* op2, const TEE_BigInt* n) {
     BignumContextPointer context(BN_CTX_new());
     BignumPointer a = toBignum(op1), b = toBignum(op2), m = toBignum(n), r(BN_new());
-    if (!context || !a || !b || !m || !r || !operation(r.get(), a.get(), b.get(), m.get(), context.get()))
+    if (!context || !a || !b || !m || !r ||
+        !operation(r.get(), a.get(), b.get(), m.get(), context.get()))
         return panicWith(TEE_ERROR_GENERIC);
     Bytes bigEndian(size_t(BN_num_bytes(r.get())));
     BN_bn2bin(r.get(), bigEndian.data());

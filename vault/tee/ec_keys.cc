@@ -10,7 +10,8 @@ namespace zel::tee {
 namespace {
 
 using BignumPointer = std::unique_ptr<BIGNUM, FreeWith<BIGNUM, BN_clear_free>>;
-using BuilderPointer = std::unique_ptr<OSSL_PARAM_BLD, FreeWith<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>>;
+using BuilderPointer =
+    std::unique_ptr<OSSL_PARAM_BLD, FreeWith<OSSL_PARAM_BLD, OSSL_PARAM_BLD_free>>;
 using ParamsPointer = std::unique_ptr<OSSL_PARAM, FreeWith<OSSL_PARAM, OSSL_PARAM_free>>;
 
 // The uncompressed point 04 || X || Y; empty when a coordinate is too long.
@@ -45,14 +46,13 @@ PkeyPointer fromParts(const Bytes* privateValue, const Bytes& x, const Bytes& y)
     PkeyContextPointer context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
     EVP_PKEY* key = nullptr;
     if (!params || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
-        EVP_PKEY_fromdata(context.get(), &key,
-                          secret ? EVP_PKEY_KEYPAIR : EVP_PKEY_PUBLIC_KEY, params.get()) != 1)
+        EVP_PKEY_fromdata(context.get(), &key, secret ? EVP_PKEY_KEYPAIR : EVP_PKEY_PUBLIC_KEY,
+                          params.get()) != 1)
         return nullptr;
     PkeyPointer result(key);
     // A point off the curve, a private value out of range or not matching the point: no key.
     PkeyContextPointer check(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
-    if (!check ||
-        (secret ? EVP_PKEY_check(check.get()) : EVP_PKEY_public_check(check.get())) != 1)
+    if (!check || (secret ? EVP_PKEY_check(check.get()) : EVP_PKEY_public_check(check.get())) != 1)
         return nullptr;
     return result;
 }

@@ -256,15 +256,14 @@ TEE_Result TEE_GetObjectInfo1(TEE_ObjectHandle object, TEE_ObjectInfo* objectInf
     objectInfo->objectUsage = target.usage;
     objectInfo->dataSize = target.data.size();
     objectInfo->dataPosition = target.position;
-    objectInfo->handleFlags = target.persistent
-                                  ? TEE_HANDLE_FLAG_PERSISTENT | TEE_HANDLE_FLAG_INITIALIZED |
-                                        target.flags
-                                  : (target.initialized ? TEE_HANDLE_FLAG_INITIALIZED : 0u);
+    objectInfo->handleFlags =
+        target.persistent ? TEE_HANDLE_FLAG_PERSISTENT | TEE_HANDLE_FLAG_INITIALIZED | target.flags
+                          : (target.initialized ? TEE_HANDLE_FLAG_INITIALIZED : 0u);
     return TEE_SUCCESS;
 }
 
-TEE_Result TEE_GetObjectBufferAttribute(TEE_ObjectHandle object, uint32_t attributeID,
-                                        void* buffer, size_t* size) {
+TEE_Result TEE_GetObjectBufferAttribute(TEE_ObjectHandle object, uint32_t attributeID, void* buffer,
+                                        size_t* size) {
     const Object& target = objectOf(object);
     if (!target.initialized && !target.persistent) TEE_Panic(kMisuse);
     if (isValueAttribute(attributeID) || !size) TEE_Panic(kMisuse);

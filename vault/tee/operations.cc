@@ -346,8 +346,8 @@ using namespace zel::tee;
 
 extern "C" {
 
-TEE_Result TEE_AllocateOperation(TEE_OperationHandle* operation, uint32_t algorithm,
-                                 uint32_t mode, uint32_t maxKeySize) {
+TEE_Result TEE_AllocateOperation(TEE_OperationHandle* operation, uint32_t algorithm, uint32_t mode,
+                                 uint32_t maxKeySize) {
     if (!operation) TEE_Panic(kMisuse);
     *operation = TEE_HANDLE_NULL;
     current();
@@ -420,8 +420,7 @@ TEE_Result TEE_DigestDoFinal(TEE_OperationHandle operation, const void* chunk, s
 
 void TEE_CipherInit(TEE_OperationHandle operation, const void* IV, size_t IVLen) {
     Operation& target = operationOf(operation);
-    if (target.operationClass != TEE_OPERATION_CIPHER || !target.keySet || !IV ||
-        IVLen != kBlock)
+    if (target.operationClass != TEE_OPERATION_CIPHER || !target.keySet || !IV || IVLen != kBlock)
         TEE_Panic(kMisuse);
     settle(cipherInit(target, IV));
 }
@@ -455,8 +454,7 @@ TEE_Result TEE_CipherDoFinal(TEE_OperationHandle operation, const void* srcData,
         return TEE_ERROR_SHORT_BUFFER;
     }
     if (!destData && needed) TEE_Panic(kMisuse);
-    const TEE_Result result =
-        settle(blockUpdate(target, srcData, srcLen, destData, destLen, true));
+    const TEE_Result result = settle(blockUpdate(target, srcData, srcLen, destData, destLen, true));
     finish(target);
     return result;
 }
@@ -492,8 +490,8 @@ TEE_Result TEE_MACComputeFinal(TEE_OperationHandle operation, const void* messag
     }
     if (!mac) TEE_Panic(kMisuse);
     size_t size = 0;
-    if ((messageLen && EVP_MAC_update(target.mac.get(), static_cast<const uint8_t*>(message),
-                                      messageLen) != 1) ||
+    if ((messageLen &&
+         EVP_MAC_update(target.mac.get(), static_cast<const uint8_t*>(message), messageLen) != 1) ||
         EVP_MAC_final(target.mac.get(), static_cast<uint8_t*>(mac), &size, *macLen) != 1)
         TEE_Panic(TEE_ERROR_GENERIC);
     *macLen = size;
@@ -596,8 +594,8 @@ TEE_Result TEE_AsymmetricSignDigest(TEE_OperationHandle operation, const TEE_Att
     return settle(sign(target, digest, signature));
 }
 
-void TEE_DeriveKey(TEE_OperationHandle operation, const TEE_Attribute* params,
-                   uint32_t paramCount, TEE_ObjectHandle derivedKey) {
+void TEE_DeriveKey(TEE_OperationHandle operation, const TEE_Attribute* params, uint32_t paramCount,
+                   TEE_ObjectHandle derivedKey) {
     Operation& target = operationOf(operation);
     if (target.operationClass != TEE_OPERATION_KEY_DERIVATION || !target.keySet ||
         (!params && paramCount))

@@ -29,7 +29,8 @@ bool compatible(uint32_t open, uint32_t wanted) {
 // it holds it open at all.
 bool inConflict(const Bytes& id, uint32_t flags, bool replacing) {
     for (const auto& [handle, object] : current().tables().objects())
-        if (object->persistent && object->id == id && (replacing || !compatible(object->flags, flags)))
+        if (object->persistent && object->id == id &&
+            (replacing || !compatible(object->flags, flags)))
             return true;
     return false;
 }
@@ -99,10 +100,10 @@ TEE_Result TEE_OpenPersistentObject(uint32_t storageID, const void* objectID, si
     return openObject(static_cast<const uint8_t*>(objectID), objectIDLen, flags, object);
 }
 
-TEE_Result TEE_CreatePersistentObject(uint32_t storageID, const void* objectID,
-                                      size_t objectIDLen, uint32_t flags,
-                                      TEE_ObjectHandle attributes, const void* initialData,
-                                      size_t initialDataLen, TEE_ObjectHandle* object) {
+TEE_Result TEE_CreatePersistentObject(uint32_t storageID, const void* objectID, size_t objectIDLen,
+                                      uint32_t flags, TEE_ObjectHandle attributes,
+                                      const void* initialData, size_t initialDataLen,
+                                      TEE_ObjectHandle* object) {
     if (objectIDLen > TEE_OBJECT_ID_MAX_LEN || (!objectID && objectIDLen) ||
         (!initialData && initialDataLen) || (flags & ~(kAccess | kShare | TEE_DATA_FLAG_OVERWRITE)))
         TEE_Panic(kMisuse);

@@ -31,8 +31,8 @@ void TEE_MemFill(void* buffer, uint32_t x, size_t size);
 
 /* Objects */
 TEE_Result TEE_GetObjectInfo1(TEE_ObjectHandle object, TEE_ObjectInfo* objectInfo);
-TEE_Result TEE_GetObjectBufferAttribute(TEE_ObjectHandle object, uint32_t attributeID,
-                                        void* buffer, size_t* size);
+TEE_Result TEE_GetObjectBufferAttribute(TEE_ObjectHandle object, uint32_t attributeID, void* buffer,
+                                        size_t* size);
 void TEE_CloseObject(TEE_ObjectHandle object);
 
 /* Transient objects */
@@ -51,16 +51,16 @@ TEE_Result TEE_GenerateKey(TEE_ObjectHandle object, uint32_t keySize, const TEE_
 /* Persistent objects (data objects only) */
 TEE_Result TEE_OpenPersistentObject(uint32_t storageID, const void* objectID, size_t objectIDLen,
                                     uint32_t flags, TEE_ObjectHandle* object);
-TEE_Result TEE_CreatePersistentObject(uint32_t storageID, const void* objectID,
-                                      size_t objectIDLen, uint32_t flags,
-                                      TEE_ObjectHandle attributes, const void* initialData,
-                                      size_t initialDataLen, TEE_ObjectHandle* object);
+TEE_Result TEE_CreatePersistentObject(uint32_t storageID, const void* objectID, size_t objectIDLen,
+                                      uint32_t flags, TEE_ObjectHandle attributes,
+                                      const void* initialData, size_t initialDataLen,
+                                      TEE_ObjectHandle* object);
 TEE_Result TEE_CloseAndDeletePersistentObject1(TEE_ObjectHandle object);
 TEE_Result TEE_ReadObjectData(TEE_ObjectHandle object, void* buffer, size_t size, size_t* count);
 
 /* Operations */
-TEE_Result TEE_AllocateOperation(TEE_OperationHandle* operation, uint32_t algorithm,
-                                 uint32_t mode, uint32_t maxKeySize);
+TEE_Result TEE_AllocateOperation(TEE_OperationHandle* operation, uint32_t algorithm, uint32_t mode,
+                                 uint32_t maxKeySize);
 void TEE_FreeOperation(TEE_OperationHandle operation);
 void TEE_ResetOperation(TEE_OperationHandle operation);
 TEE_Result TEE_SetOperationKey(TEE_OperationHandle operation, TEE_ObjectHandle key);
@@ -93,8 +93,8 @@ TEE_Result TEE_AEDecryptFinal(TEE_OperationHandle operation, const void* srcData
 TEE_Result TEE_AsymmetricSignDigest(TEE_OperationHandle operation, const TEE_Attribute* params,
                                     uint32_t paramCount, const void* digest, size_t digestLen,
                                     void* signature, size_t* signatureLen);
-void TEE_DeriveKey(TEE_OperationHandle operation, const TEE_Attribute* params,
-                   uint32_t paramCount, TEE_ObjectHandle derivedKey);
+void TEE_DeriveKey(TEE_OperationHandle operation, const TEE_Attribute* params, uint32_t paramCount,
+                   TEE_ObjectHandle derivedKey);
 void TEE_GenerateRandom(void* randomBuffer, size_t randomBufferLen);
 
 /* Big integers */
@@ -118,8 +118,8 @@ void TA_DestroyEntryPoint(void);
 TEE_Result TA_OpenSessionEntryPoint(uint32_t paramTypes, TEE_Param params[TEE_NUM_PARAMS],
                                     void** sessionContext);
 void TA_CloseSessionEntryPoint(void* sessionContext);
-TEE_Result TA_InvokeCommandEntryPoint(void* sessionContext, uint32_t commandID,
-                                      uint32_t paramTypes, TEE_Param params[TEE_NUM_PARAMS]);
+TEE_Result TA_InvokeCommandEntryPoint(void* sessionContext, uint32_t commandID, uint32_t paramTypes,
+                                      TEE_Param params[TEE_NUM_PARAMS]);
 
 #pragma GCC visibility pop
 
