@@ -101,10 +101,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     operation.params[0].buffer = block.data();
     operation.params[0].size = static_cast<uint32_t>(block.size());
     operation.params[0].flags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
-    const TaResult result =
-        chosen & 0x100
-            ? t.secureProcessor->invoke(t.secureProcessorSession, chosen & 0xFF, operation)
-            : t.vault->invoke(t.vaultSession, chosen, operation);
+    const TaResult result = chosen & 0x100 ? t.secureProcessor->invoke(t.secureProcessorSession,
+                                                                       chosen & 0xFF, operation)
+                                           : t.vault->invoke(t.vaultSession, chosen, operation);
     if (result.origin != TEEC_ORIGIN_TRUSTED_APP) abort();
     return 0;
 }

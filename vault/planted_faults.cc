@@ -193,8 +193,8 @@ std::optional<TaResult> plantedFault(const wire::UuidBytes& uuid, uint32_t comma
     // Only the vault's TAs, and only commands they would read: one block, in and out.
     const bool vault = uuid == wire::uuidBytes(zel_test);
     if (!vault && uuid != wire::uuidBytes(zel_test_a)) return std::nullopt;
-    if (operation.paramTypes != TEEC_PARAM_TYPES(TEEC_MEMREF_PARTIAL_INOUT, TEEC_NONE, TEEC_NONE,
-                                                 TEEC_NONE) ||
+    if (operation.paramTypes !=
+            TEEC_PARAM_TYPES(TEEC_MEMREF_PARTIAL_INOUT, TEEC_NONE, TEEC_NONE, TEEC_NONE) ||
         operation.params[0].size < sizeof(uint32_t))
         return std::nullopt;
     const TaParam& block = operation.params[0];

@@ -1,5 +1,5 @@
-// zel-vaultd: the host's TEE. Hosts the vault's GlobalPlatform TAs and serves TEE Client API connections on an
-// AF_UNIX socket until SIGINT or SIGTERM.
+// zel-vaultd: the host's TEE. Hosts the vault's GlobalPlatform TAs and serves TEE Client API
+// connections on an AF_UNIX socket until SIGINT or SIGTERM.
 #include <CLI/CLI.hpp>
 
 #include <csignal>
@@ -81,9 +81,8 @@ int main(int argc, char** argv) {
         std::cerr << "zel-vaultd: " << error << std::endl;
         return 1;
     }
-    TaRegistry registry([&folder](const wire::UuidBytes& uuid, TrustedApp& ta) {
-        return folder.load(uuid, ta);
-    });
+    TaRegistry registry(
+        [&folder](const wire::UuidBytes& uuid, TrustedApp& ta) { return folder.load(uuid, ta); });
     FaultPlan faults;
     if (control) {
         // Each waits for the TA whose state it changes to finish its command.

@@ -18,7 +18,7 @@ inline constexpr uint32_t kFieldHeaderSize = WSM_FIELD_HEADER_SIZE;
 
 // Appends fields; every successful put leaves an end marker behind the field.
 class Writer {
-public:
+  public:
     Writer(uint8_t* block, uint32_t size) { wsm_init(&cursor_, block, size); }
 
     // False, with nothing written, when the field and the end marker after it would not fit.
@@ -30,13 +30,13 @@ public:
     void rewind() { cursor_.position = 0; }
     uint32_t position() const { return cursor_.position; }
 
-private:
+  private:
     wsm_cursor cursor_;
 };
 
 // Reads fields in order.
 class Reader {
-public:
+  public:
     Reader(const uint8_t* block, uint32_t size) {
         // The cursor never writes through a reader.
         wsm_init(&cursor_, const_cast<uint8_t*>(block), size);
@@ -51,7 +51,7 @@ public:
     Tag peek() const { return static_cast<Tag>(wsm_peek(&cursor_)); }
     void rewind() { cursor_.position = 0; }
 
-private:
+  private:
     wsm_cursor cursor_;
 };
 

@@ -1,14 +1,14 @@
-// The trusted applications' UUIDs and command ids: one header for the library and for the host's
-// simulated TAs, so that both sides read the same numbers.
 /* The trusted applications' UUIDs and command ids: one header for the library, the host TEE and
  * the TAs themselves (C, built with a TEE's dev kit), so that every side reads the same numbers. */
 #ifndef ZEL_TA_IDS_H
 #define ZEL_TA_IDS_H
 
+/* clang-format off */
 /* The vault TA: general commands and the raw-suite numbers. */
 #define ZEL_TEST_UUID {0x58d50001, 0x1105, 0x000f, {0x97, 0x99, 0x7f, 0x5a, 0xf3, 0xf9, 0xc7, 0xbb}}
 /* The vault's secure processor: the management commands. */
 #define ZEL_TEST_A_UUID {0x00000000, 0x0000, 0x0000, {0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xf5, 0xcc}}
+/* clang-format on */
 
 /* The general commands of the vault TA, one row per command: id, method name. */
 #define ZEL_GENERAL_COMMANDS(X)       \
@@ -91,7 +91,9 @@ inline constexpr CommandId kSecureProcessorCommands[] = {
 // The ids by name: cmd::zel_put, cmd::zel_getSlotInfo, ...
 namespace cmd {
 #define ZEL_COMMAND_ENUM(id, name) name = id,
-enum : uint32_t { ZEL_GENERAL_COMMANDS(ZEL_COMMAND_ENUM) ZEL_SECURE_PROCESSOR_COMMANDS(ZEL_COMMAND_ENUM) };
+enum : uint32_t {
+    ZEL_GENERAL_COMMANDS(ZEL_COMMAND_ENUM) ZEL_SECURE_PROCESSOR_COMMANDS(ZEL_COMMAND_ENUM)
+};
 #undef ZEL_COMMAND_ENUM
 }  // namespace cmd
 

@@ -102,7 +102,7 @@ TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
     // A failed update: the report carries its codes, the plain command fails.
     const int32_t codes[2] = {1, -51};
     set(SP_UPDATE_RESULT, Bytes(reinterpret_cast<const uint8_t*>(codes),
-                                   reinterpret_cast<const uint8_t*>(codes) + 8));
+                                reinterpret_cast<const uint8_t*>(codes) + 8));
     set(SP_SYSTEM_VERSION, {'2', '.', '0'});
     ASSERT_EQ(secureProcessor.ze_updateFW(0, system, app, &result), 0);
     EXPECT_EQ(system, "2.0");
@@ -117,8 +117,7 @@ TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
 
     // Only the answers are the control TA's to set, each in its own shape.
     EXPECT_EQ(control.setSecureProcessor(SP_UPDATE_RESULT, Bytes(7)), TEEC_ERROR_BAD_PARAMETERS);
-    EXPECT_EQ(control.setSecureProcessor(SP_FIRMWARE_WORDS, Bytes(6)),
-              TEEC_ERROR_BAD_PARAMETERS);
+    EXPECT_EQ(control.setSecureProcessor(SP_FIRMWARE_WORDS, Bytes(6)), TEEC_ERROR_BAD_PARAMETERS);
     EXPECT_EQ(control.setSecureProcessor(SP_AK_KEY, Bytes(540, '0')), TEEC_ERROR_BAD_PARAMETERS);
     EXPECT_EQ(control.setSecureProcessor(99, Bytes(4)), TEEC_ERROR_BAD_PARAMETERS);
 }

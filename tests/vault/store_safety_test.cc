@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "daemon_launcher.h"
+#include "object_store.h"
 #include "output_capture.h"
 #include "store_fixture.h"
-#include "object_store.h"
 #include "zel_tc_lib.h"
 
 namespace {
@@ -130,8 +130,8 @@ TEST_F(StoreSafetyTest, MalformedRowsAreBadStateAndTheDaemonServesOn) {
             return store->write(vault, Bytes(id.begin(), id.end()), value, true);
         };
         Bytes aes = {6}, ec = {5};
-        aes.resize(6, 1);   // AES needs 32
-        ec.resize(41, 2);   // not a DER key
+        aes.resize(6, 1);                                       // AES needs 32
+        ec.resize(41, 2);                                       // not a DER key
         ASSERT_EQ(put("hub.1", Bytes(15, 0x41)), TEE_SUCCESS);  // needs 48 bytes
         ASSERT_EQ(put("key.2", aes), TEE_SUCCESS);
         ASSERT_EQ(put("key.3", ec), TEE_SUCCESS);

@@ -25,8 +25,8 @@ struct Session {
     TEEC_Session session{};
     explicit Session(Client& client) {
         uint32_t origin = 0;
-        EXPECT_EQ(TEEC_OpenSession(&client.context, &session, &kPanicTa, TEEC_LOGIN_PUBLIC,
-                                   nullptr, nullptr, &origin),
+        EXPECT_EQ(TEEC_OpenSession(&client.context, &session, &kPanicTa, TEEC_LOGIN_PUBLIC, nullptr,
+                                   nullptr, &origin),
                   TEEC_SUCCESS);
     }
     ~Session() { TEEC_CloseSession(&session); }
@@ -43,8 +43,8 @@ struct Session {
 
 TEST(TaPanicTest, APanickedTaIsDeadForItsSessionsAndANewSessionGetsAFreshInstance) {
     std::string error;
-    auto daemon = zel::vault::VaultDaemon::start(
-        {{}, {}, false, {"--ta-dir", ZEL_TEST_TA_FOLDER}}, error);
+    auto daemon =
+        zel::vault::VaultDaemon::start({{}, {}, false, {"--ta-dir", ZEL_TEST_TA_FOLDER}}, error);
     ASSERT_TRUE(daemon) << error;
     Client client(daemon->socketPath());
     uint32_t count = 0;
