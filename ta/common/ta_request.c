@@ -5,21 +5,22 @@
                     TEE_PARAM_TYPE_NONE)
 
 TEE_Result ta_request_open(struct ta_request *request, uint32_t param_types, TEE_Param params[4]) {
+    /* size_t is 32 bits on some TEEs: a 64-bit copy keeps the check meaningful on both. */
+    const uint64_t block_size = params[0].memref.size;
     request->copy = NULL;
     request->ok = false;
     wsm_init(&request->in, NULL, 0);
     wsm_init(&request->out, NULL, 0);
     if (param_types != EXPECTED_PARAMS || !params[0].memref.buffer ||
-        params[0].memref.size < sizeof(uint32_t) || (uint64_t)params[0].memref.size > UINT32_MAX)
+        block_size < sizeof(uint32_t) || block_size > UINT32_MAX)
         return TEE_ERROR_BAD_PARAMETERS;
     /* Only the message is copied: a large block with a short request costs the TA no more. */
-    const uint32_t size =
-        wsm_message_size(params[0].memref.buffer, (uint32_t)params[0].memref.size);
+    const uint32_t size = wsm_message_size(params[0].memref.buffer, (uint32_t)block_size);
     request->copy = TEE_Malloc(size, 0);
     if (!request->copy) return TEE_ERROR_OUT_OF_MEMORY;
     TEE_MemMove(request->copy, params[0].memref.buffer, size);
     wsm_init(&request->in, request->copy, size);
-    wsm_init(&request->out, params[0].memref.buffer, (uint32_t)params[0].memref.size);
+    wsm_init(&request->out, params[0].memref.buffer, (uint32_t)block_size);
     request->ok = true;
     return TEE_SUCCESS;
 }
