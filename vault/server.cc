@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <iostream>
+#include <thread>
 
 #include <poll.h>
 #include <sys/resource.h>
@@ -43,6 +44,35 @@ bool privateDirectory(const std::string& directory, std::string& error) {
 }
 
 }  // namespace
+
+int SizedThread::start(size_t stackSize, std::function<void()> body) {
+    if (started_) return EINVAL;
+    pthread_attr_t attributes;
+    if (const int error = pthread_attr_init(&attributes)) return error;
+    const long least = sysconf(_SC_THREAD_STACK_MIN);  // no constant from glibc 2.34 on
+    if (least > 0) stackSize = std::max(stackSize, static_cast<size_t>(least));
+    int error = pthread_attr_setstacksize(&attributes, stackSize);
+    if (!error) {
+        body_ = std::move(body);
+        error = pthread_create(&thread_, &attributes, &SizedThread::enter, this);
+        started_ = error == 0;
+        if (!started_) body_ = nullptr;
+    }
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+void SizedThread::join() {
+    if (!started_) return;
+    pthread_join(thread_, nullptr);
+    started_ = false;
+    body_ = nullptr;
+}
+
+void* SizedThread::enter(void* self) {
+    static_cast<SizedThread*>(self)->body_();
+    return nullptr;
+}
 
 Server::Server(std::string socketPath, const TaRegistry& registry, FaultPlan& faults)
     : socketPath_(std::move(socketPath)), registry_(registry), faults_(faults) {}
@@ -135,8 +165,9 @@ void Server::work(Worker& self) {
         }
         if (idle_ > 0) {
             followers_.notify_one();
-        } else if (!startWorker()) {
-            std::cerr << "zel-vaultd: no thread to serve a connection; it is closed" << std::endl;
+        } else if (const int error = startWorker()) {
+            std::cerr << "zel-vaultd: no thread to serve a connection (" << std::strerror(error)
+                      << "); it is closed" << std::endl;
             connection.reset();
             continue;
         }
@@ -197,16 +228,16 @@ UniqueFd Server::acceptNext() {
     }
 }
 
-bool Server::startWorker() {
+int Server::startWorker() {
     try {
         workers_.emplace_back();
-        Worker& worker = workers_.back();
-        worker.thread = std::thread([this, &worker] { work(worker); });
-        return true;
-    } catch (const std::exception&) {
-        if (!workers_.empty() && !workers_.back().thread.joinable()) workers_.pop_back();
-        return false;
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
     }
+    Worker& worker = workers_.back();
+    const int error = worker.thread.start(kThreadStack, [this, &worker] { work(worker); });
+    if (error) workers_.pop_back();
+    return error;
 }
 
 void Server::reapFinished() {

