@@ -22,30 +22,30 @@ enum wsm_tag { WSM_END = 0, WSM_INT = 1, WSM_UINT = 2, WSM_BLOB = 3 };
 
 /* A cursor over a block. A null block reads and writes as a block of size 0. */
 struct wsm_cursor {
-    uint8_t *block;
+    uint8_t* block;
     uint32_t size;
     uint32_t position;
 };
 
-void wsm_init(struct wsm_cursor *cursor, void *block, uint32_t size);
+void wsm_init(struct wsm_cursor* cursor, void* block, uint32_t size);
 
 /* Appends a field and an end marker behind it. False, with nothing written, when the field and the
  * end marker would not fit. */
-bool wsm_put(struct wsm_cursor *out, uint32_t tag, const void *payload, uint32_t length);
-bool wsm_put_int(struct wsm_cursor *out, int32_t value);
-bool wsm_put_uint(struct wsm_cursor *out, uint32_t value);
+bool wsm_put(struct wsm_cursor* out, uint32_t tag, const void* payload, uint32_t length);
+bool wsm_put_int(struct wsm_cursor* out, int32_t value);
+bool wsm_put_uint(struct wsm_cursor* out, uint32_t value);
 
 /* The payload of the next field when it has this tag and exactly this length; NULL (and the
  * position unchanged) otherwise. */
-const uint8_t *wsm_get(struct wsm_cursor *in, uint32_t tag, uint32_t length);
-bool wsm_get_int(struct wsm_cursor *in, int32_t *value);
-bool wsm_get_uint(struct wsm_cursor *in, uint32_t *value);
+const uint8_t* wsm_get(struct wsm_cursor* in, uint32_t tag, uint32_t length);
+bool wsm_get_int(struct wsm_cursor* in, int32_t* value);
+bool wsm_get_uint(struct wsm_cursor* in, uint32_t* value);
 /* The tag of the next field (WSM_END at the end of the message or of the block). */
-uint32_t wsm_peek(const struct wsm_cursor *in);
+uint32_t wsm_peek(const struct wsm_cursor* in);
 
 /* How many bytes of a block its message takes, end marker included (at most the block's size):
  * all that a reader of the message needs to see. */
-uint32_t wsm_message_size(const void *block, uint32_t size);
+uint32_t wsm_message_size(const void* block, uint32_t size);
 
 #ifdef __cplusplus
 }

@@ -21,12 +21,12 @@ static const uint8_t ec_public_key_oid[] = {0x06, 0x07, 0x2a, 0x86, 0x48, 0xce, 
 
 /* What is left to read. Every read checks against left, never past it. */
 struct der_span {
-    const uint8_t *at;
+    const uint8_t* at;
     uint32_t left;
 };
 
 /* The next element when it has this tag: its content in *content, span moved past it. */
-static bool next(struct der_span *span, uint8_t tag, struct der_span *content) {
+static bool next(struct der_span* span, uint8_t tag, struct der_span* content) {
     if (span->left < 2 || span->at[0] != tag) return false;
     uint32_t length = span->at[1];
     uint32_t header = 2;
@@ -50,7 +50,7 @@ static bool next(struct der_span *span, uint8_t tag, struct der_span *content) {
 }
 
 /* A minimal INTEGER greater than zero. */
-static bool next_positive_integer(struct der_span *span) {
+static bool next_positive_integer(struct der_span* span) {
     struct der_span value;
     if (!next(span, TAG_INTEGER, &value) || value.left == 0) return false;
     if (value.at[0] & 0x80) return false; /* negative */
@@ -60,7 +60,7 @@ static bool next_positive_integer(struct der_span *span) {
 }
 
 /* The next bytes when they are exactly these: for elements that strict DER encodes one way. */
-static bool take(struct der_span *span, const uint8_t *bytes, uint32_t length) {
+static bool take(struct der_span* span, const uint8_t* bytes, uint32_t length) {
     if (span->left < length || memcmp(span->at, bytes, length) != 0) return false;
     span->at += length;
     span->left -= length;
@@ -68,7 +68,7 @@ static bool take(struct der_span *span, const uint8_t *bytes, uint32_t length) {
 }
 
 /* A BIT STRING holding an uncompressed P-256 point, and nothing else. */
-static bool next_point(struct der_span *span, uint8_t x[DER_P256_SIZE], uint8_t y[DER_P256_SIZE]) {
+static bool next_point(struct der_span* span, uint8_t x[DER_P256_SIZE], uint8_t y[DER_P256_SIZE]) {
     struct der_span bits;
     if (!next(span, TAG_BIT_STRING, &bits) || bits.left != 1 + POINT_SIZE || bits.at[0] != 0 ||
         bits.at[1] != UNCOMPRESSED)
@@ -79,12 +79,12 @@ static bool next_point(struct der_span *span, uint8_t x[DER_P256_SIZE], uint8_t 
 }
 
 /* The input is one SEQUENCE and nothing after it. */
-static bool whole_sequence(const uint8_t *der, uint32_t length, struct der_span *content) {
+static bool whole_sequence(const uint8_t* der, uint32_t length, struct der_span* content) {
     struct der_span input = {der, der ? length : 0};
     return next(&input, TAG_SEQUENCE, content) && input.left == 0;
 }
 
-bool der_read_ec_private_key(const uint8_t *der, uint32_t length, struct der_ec_key *key) {
+bool der_read_ec_private_key(const uint8_t* der, uint32_t length, struct der_ec_key* key) {
     static const uint8_t version_1[] = {TAG_INTEGER, 1, 1};
     struct der_span body, secret, parameters, public_key;
     struct der_ec_key parsed;
@@ -104,7 +104,7 @@ bool der_read_ec_private_key(const uint8_t *der, uint32_t length, struct der_ec_
     return true;
 }
 
-bool der_read_ec_public_key(const uint8_t *der, uint32_t length, uint8_t x[DER_P256_SIZE],
+bool der_read_ec_public_key(const uint8_t* der, uint32_t length, uint8_t x[DER_P256_SIZE],
                             uint8_t y[DER_P256_SIZE]) {
     struct der_span body, algorithm;
     uint8_t read_x[DER_P256_SIZE], read_y[DER_P256_SIZE];
@@ -118,16 +118,16 @@ bool der_read_ec_public_key(const uint8_t *der, uint32_t length, uint8_t x[DER_P
     return true;
 }
 
-bool der_is_rsa_public_key(const uint8_t *der, uint32_t length) {
+bool der_is_rsa_public_key(const uint8_t* der, uint32_t length) {
     struct der_span body;
     return whole_sequence(der, length, &body) && next_positive_integer(&body) &&
            next_positive_integer(&body) && body.left == 0;
 }
 
-void der_write_ec_private_key(const struct der_ec_key *key, uint8_t out[DER_EC_PRIVATE_KEY_SIZE]) {
+void der_write_ec_private_key(const struct der_ec_key* key, uint8_t out[DER_EC_PRIVATE_KEY_SIZE]) {
     static const uint8_t head[] = {0x30, 0x77, 0x02, 0x01, 0x01, 0x04, 0x20};
     static const uint8_t public_key_head[] = {0xa1, 0x44, 0x03, 0x42, 0x00, UNCOMPRESSED};
-    uint8_t *at = out;
+    uint8_t* at = out;
     memcpy(at, head, sizeof head);
     at += sizeof head;
     memcpy(at, key->d, DER_P256_SIZE);
@@ -143,7 +143,7 @@ void der_write_ec_private_key(const struct der_ec_key *key, uint8_t out[DER_EC_P
 }
 
 /* A minimal non-negative INTEGER of a 32-byte big-endian number: its length. */
-static uint32_t write_integer(const uint8_t value[DER_P256_SIZE], uint8_t *out) {
+static uint32_t write_integer(const uint8_t value[DER_P256_SIZE], uint8_t* out) {
     uint32_t skip = 0;
     while (skip < DER_P256_SIZE - 1 && value[skip] == 0) ++skip;
     const uint32_t sign = value[skip] & 0x80 ? 1 : 0;

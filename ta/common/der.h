@@ -28,14 +28,14 @@ struct der_ec_key {
 
 /* An RFC 5915 ECPrivateKey on P-256 (prime256v1 named in [0]) with its public key in [1] as an
  * uncompressed point. Whether the point is on the curve is the caller's to check. */
-bool der_read_ec_private_key(const uint8_t *der, uint32_t length, struct der_ec_key *key);
+bool der_read_ec_private_key(const uint8_t* der, uint32_t length, struct der_ec_key* key);
 /* An RFC 5480 SubjectPublicKeyInfo of id-ecPublicKey on prime256v1 with an uncompressed point. */
-bool der_read_ec_public_key(const uint8_t *der, uint32_t length, uint8_t x[DER_P256_SIZE],
+bool der_read_ec_public_key(const uint8_t* der, uint32_t length, uint8_t x[DER_P256_SIZE],
                             uint8_t y[DER_P256_SIZE]);
 /* A PKCS #1 RSAPublicKey: a SEQUENCE of two positive INTEGERs, modulus and public exponent. */
-bool der_is_rsa_public_key(const uint8_t *der, uint32_t length);
+bool der_is_rsa_public_key(const uint8_t* der, uint32_t length);
 
-void der_write_ec_private_key(const struct der_ec_key *key, uint8_t out[DER_EC_PRIVATE_KEY_SIZE]);
+void der_write_ec_private_key(const struct der_ec_key* key, uint8_t out[DER_EC_PRIVATE_KEY_SIZE]);
 /* An ECDSA-Sig-Value of r and s (each 32 bytes big-endian, one after the other): its length. */
 uint32_t der_write_ecdsa_signature(const uint8_t rs[2 * DER_P256_SIZE],
                                    uint8_t out[DER_ECDSA_SIGNATURE_MAX]);

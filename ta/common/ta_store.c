@@ -25,7 +25,7 @@ static TEE_Result answer(TEE_Result storage) {
     }
 }
 
-void ta_store_id(char id[TA_STORE_ID_SIZE], const char *kind, uint32_t index) {
+void ta_store_id(char id[TA_STORE_ID_SIZE], const char* kind, uint32_t index) {
     size_t length = strlen(kind);
     if (length > TA_STORE_ID_SIZE - 12) length = TA_STORE_ID_SIZE - 12;
     memcpy(id, kind, length);
@@ -38,15 +38,15 @@ void ta_store_id(char id[TA_STORE_ID_SIZE], const char *kind, uint32_t index) {
     id[length] = '\0';
 }
 
-TEE_Result ta_store_read(const char *id, uint8_t **data, uint32_t *length) {
+TEE_Result ta_store_read(const char* id, uint8_t** data, uint32_t* length) {
     TEE_ObjectHandle object = TEE_HANDLE_NULL;
     TEE_ObjectInfo info;
-    uint8_t *buffer = NULL;
+    uint8_t* buffer = NULL;
     size_t read = 0;
     *data = NULL;
     *length = 0;
-    TEE_Result result = TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, id, strlen(id), READ_FLAGS,
-                                                 &object);
+    TEE_Result result =
+        TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, id, strlen(id), READ_FLAGS, &object);
     if (result == TEE_SUCCESS) result = TEE_GetObjectInfo1(object, &info);
     if (result == TEE_SUCCESS && info.dataSize > 0) {
         buffer = TEE_Malloc(info.dataSize, 0);
@@ -64,20 +64,19 @@ TEE_Result ta_store_read(const char *id, uint8_t **data, uint32_t *length) {
     return answer(result);
 }
 
-TEE_Result ta_store_write(const char *id, const void *data, uint32_t length) {
+TEE_Result ta_store_write(const char* id, const void* data, uint32_t length) {
     TEE_ObjectHandle object = TEE_HANDLE_NULL;
-    const TEE_Result result =
-        TEE_CreatePersistentObject(TEE_STORAGE_PRIVATE, id, strlen(id),
-                                   WRITE_FLAGS | TEE_DATA_FLAG_OVERWRITE, TEE_HANDLE_NULL, data,
-                                   length, &object);
+    const TEE_Result result = TEE_CreatePersistentObject(TEE_STORAGE_PRIVATE, id, strlen(id),
+                                                         WRITE_FLAGS | TEE_DATA_FLAG_OVERWRITE,
+                                                         TEE_HANDLE_NULL, data, length, &object);
     if (object != TEE_HANDLE_NULL) TEE_CloseObject(object);
     return answer(result);
 }
 
-TEE_Result ta_store_erase(const char *id) {
+TEE_Result ta_store_erase(const char* id) {
     TEE_ObjectHandle object = TEE_HANDLE_NULL;
-    TEE_Result result = TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, id, strlen(id), WRITE_FLAGS,
-                                                 &object);
+    TEE_Result result =
+        TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, id, strlen(id), WRITE_FLAGS, &object);
     if (result == TEE_SUCCESS) result = TEE_CloseAndDeletePersistentObject1(object);
     return answer(result);
 }

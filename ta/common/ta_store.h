@@ -14,13 +14,13 @@
 #define TA_STORE_ID_SIZE 16
 
 /* "<kind>.<index>", e.g. "slot.7": the id of the value at index of a kind. */
-void ta_store_id(char id[TA_STORE_ID_SIZE], const char *kind, uint32_t index);
+void ta_store_id(char id[TA_STORE_ID_SIZE], const char* kind, uint32_t index);
 
 /* The whole value in a buffer of the TA's (free it with TEE_Free; NULL for an empty value). */
-TEE_Result ta_store_read(const char *id, uint8_t **data, uint32_t *length);
+TEE_Result ta_store_read(const char* id, uint8_t** data, uint32_t* length);
 /* Creates the object or replaces its value. */
-TEE_Result ta_store_write(const char *id, const void *data, uint32_t length);
+TEE_Result ta_store_write(const char* id, const void* data, uint32_t length);
 /* TEE_ERROR_ITEM_NOT_FOUND when there was nothing to erase. */
-TEE_Result ta_store_erase(const char *id);
+TEE_Result ta_store_erase(const char* id);
 
 #endif

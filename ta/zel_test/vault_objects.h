@@ -22,11 +22,11 @@ bool vault_valid_index(int32_t index);
 /* The value of that kind at index (0 to VAULT_MAX_INDEX) in the TA's buffer: free it with
  * vault_free_value. TEE_ERROR_BAD_STATE when its length breaks the kind's rule; storage results as
  * ta_store.h says. Nothing is held on failure. */
-TEE_Result vault_read(enum vault_kind kind, uint32_t index, uint8_t **value, uint32_t *length);
-void vault_free_value(uint8_t *value, uint32_t length);
-TEE_Result vault_write(enum vault_kind kind, uint32_t index, const void *value, uint32_t length);
+TEE_Result vault_read(enum vault_kind kind, uint32_t index, uint8_t** value, uint32_t* length);
+void vault_free_value(uint8_t* value, uint32_t length);
+TEE_Result vault_write(enum vault_kind kind, uint32_t index, const void* value, uint32_t length);
 /* A key: its type byte, then the material. */
-TEE_Result vault_write_key(uint32_t index, uint8_t type, const uint8_t *material, uint32_t length);
+TEE_Result vault_write_key(uint32_t index, uint8_t type, const uint8_t* material, uint32_t length);
 /* TEE_ERROR_ITEM_NOT_FOUND when there was nothing there. */
 TEE_Result vault_erase(enum vault_kind kind, uint32_t index);
 

@@ -11,7 +11,7 @@
 
 struct command {
     uint32_t id;
-    TEE_Result (*run)(struct ta_request *request);
+    TEE_Result (*run)(struct ta_request* request);
 };
 
 static const struct command commands[] = {
@@ -46,66 +46,52 @@ static const uint32_t self_tests[] = {
 };
 #undef SELF_TEST_ROW
 
-static bool has_self_test(uint32_t id)
-{
+static bool has_self_test(uint32_t id) {
     size_t i;
 
-    if (id >= ZEL_FIRST_BIST_COMMAND && id <= ZEL_LAST_BIST_COMMAND)
-        return true;
+    if (id >= ZEL_FIRST_BIST_COMMAND && id <= ZEL_LAST_BIST_COMMAND) return true;
     for (i = 0; i < sizeof(self_tests) / sizeof(self_tests[0]); i++)
-        if (self_tests[i] == id)
-            return true;
+        if (self_tests[i] == id) return true;
     return false;
 }
 
-static TEE_Result serve(uint32_t id, struct ta_request *request)
-{
+static TEE_Result serve(uint32_t id, struct ta_request* request) {
     size_t i;
 
-    if (!has_self_test(id))
-        return TEE_ERROR_NOT_SUPPORTED;
-    if (ta_request_empty(request))
-        return TEE_SUCCESS;
+    if (!has_self_test(id)) return TEE_ERROR_NOT_SUPPORTED;
+    if (ta_request_empty(request)) return TEE_SUCCESS;
     for (i = 0; i < sizeof(commands) / sizeof(commands[0]); i++)
-        if (commands[i].id == id)
-            return commands[i].run(request);
+        if (commands[i].id == id) return commands[i].run(request);
     return TEE_ERROR_NOT_SUPPORTED;
 }
 
-TEE_Result TA_CreateEntryPoint(void)
-{
+TEE_Result TA_CreateEntryPoint(void) {
     return TEE_SUCCESS;
 }
 
-void TA_DestroyEntryPoint(void)
-{
-}
+void TA_DestroyEntryPoint(void) {}
 
 /* Any client may open a session; the TA keeps nothing per session. */
 TEE_Result TA_OpenSessionEntryPoint(uint32_t param_types, TEE_Param params[TEE_NUM_PARAMS],
-                                    void **session)
-{
+                                    void** session) {
     (void)param_types;
     (void)params;
     *session = NULL;
     return TEE_SUCCESS;
 }
 
-void TA_CloseSessionEntryPoint(void *session)
-{
+void TA_CloseSessionEntryPoint(void* session) {
     (void)session;
 }
 
-TEE_Result TA_InvokeCommandEntryPoint(void *session, uint32_t command, uint32_t param_types,
-                                      TEE_Param params[TEE_NUM_PARAMS])
-{
+TEE_Result TA_InvokeCommandEntryPoint(void* session, uint32_t command, uint32_t param_types,
+                                      TEE_Param params[TEE_NUM_PARAMS]) {
     struct ta_request request;
     TEE_Result result;
 
     (void)session;
     result = ta_request_open(&request, param_types, params);
-    if (result != TEE_SUCCESS)
-        return result;
+    if (result != TEE_SUCCESS) return result;
     result = serve(command, &request);
     ta_request_close(&request);
     return result;

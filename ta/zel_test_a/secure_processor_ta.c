@@ -12,26 +12,26 @@
 /* An item's value as a command reads it: bytes of the store (owned, freed by value_release) or the
  * item's default. */
 struct sp_value {
-    const uint8_t *data;
+    const uint8_t* data;
     uint32_t size;
-    uint8_t *owned;
+    uint8_t* owned;
 };
 
-static const struct sp_item_rule *rule_of(uint32_t item) {
-    const struct sp_item_rule *rule = sp_item_rule_of(item);
+static const struct sp_item_rule* rule_of(uint32_t item) {
+    const struct sp_item_rule* rule = sp_item_rule_of(item);
     if (!rule) TEE_Panic(TEE_ERROR_GENERIC); /* every item asked for here is in the table */
     return rule;
 }
 
-static void value_release(struct sp_value *value) {
+static void value_release(struct sp_value* value) {
     TEE_Free(value->owned);
     value->owned = NULL;
 }
 
 /* TEE_ERROR_ITEM_NOT_FOUND only for what the TA keeps itself (no default); TEE_ERROR_BAD_STATE for
  * a stored value whose shape no command or answer would have given it. */
-static TEE_Result value_read(uint32_t item, struct sp_value *value) {
-    const struct sp_item_rule *rule = rule_of(item);
+static TEE_Result value_read(uint32_t item, struct sp_value* value) {
+    const struct sp_item_rule* rule = rule_of(item);
     const TEE_Result result = ta_store_read(rule->object_id, &value->owned, &value->size);
     value->data = value->owned;
     if (result == TEE_SUCCESS)
@@ -42,7 +42,7 @@ static TEE_Result value_read(uint32_t item, struct sp_value *value) {
     return TEE_SUCCESS;
 }
 
-static TEE_Result item_write(uint32_t item, const void *data, uint32_t size) {
+static TEE_Result item_write(uint32_t item, const void* data, uint32_t size) {
     return ta_store_write(rule_of(item)->object_id, data, size);
 }
 
@@ -52,7 +52,7 @@ static TEE_Result item_erase(uint32_t item) {
     return result == TEE_ERROR_ITEM_NOT_FOUND ? TEE_SUCCESS : result;
 }
 
-static bool all_zero(const struct sp_value *value) {
+static bool all_zero(const struct sp_value* value) {
     uint8_t any = 0;
     for (uint32_t i = 0; i < value->size; ++i) any |= value->data[i];
     return any == 0;
@@ -66,7 +66,7 @@ static int hex_digit(uint8_t c) {
 }
 
 /* The AK key travels as the hexadecimal text of a DER RSAPublicKey. */
-static TEE_Result check_ak_key_text(const uint8_t *text, uint32_t size) {
+static TEE_Result check_ak_key_text(const uint8_t* text, uint32_t size) {
     uint8_t der[SP_AK_KEY_TEXT_SIZE / 2];
     if (size != SP_AK_KEY_TEXT_SIZE) return TEE_ERROR_BAD_PARAMETERS;
     for (uint32_t i = 0; i < sizeof der; ++i) {
@@ -78,23 +78,23 @@ static TEE_Result check_ak_key_text(const uint8_t *text, uint32_t size) {
     return der_is_rsa_public_key(der, sizeof der) ? TEE_SUCCESS : TEE_ERROR_BAD_FORMAT;
 }
 
-static TEE_Result check_zel_ak(struct ta_request *request) {
+static TEE_Result check_zel_ak(struct ta_request* request) {
     uint32_t size = 0;
-    const uint8_t *key = ta_read_blob(request, &size);
+    const uint8_t* key = ta_read_blob(request, &size);
     struct sp_value provisioned = {0};
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     if (size != SP_AK_KEY_TEXT_SIZE) return TEE_ERROR_BAD_PARAMETERS;
     TEE_Result result = value_read(SP_AK_KEY, &provisioned);
     if (result == TEE_SUCCESS)
-        result = TEE_MemCompare(key, provisioned.data, size) == 0 ? TEE_SUCCESS
-                                                                  : TEE_ERROR_SECURITY;
+        result =
+            TEE_MemCompare(key, provisioned.data, size) == 0 ? TEE_SUCCESS : TEE_ERROR_SECURITY;
     value_release(&provisioned);
     return result;
 }
 
-static TEE_Result ak_provision(struct ta_request *request) {
+static TEE_Result ak_provision(struct ta_request* request) {
     uint32_t size = 0;
-    const uint8_t *key = ta_read_blob(request, &size);
+    const uint8_t* key = ta_read_blob(request, &size);
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     TEE_Result result = check_ak_key_text(key, size);
     /* A new key is not bound to RPMB until it is provisioned there again. */
@@ -103,7 +103,7 @@ static TEE_Result ak_provision(struct ta_request *request) {
     return result;
 }
 
-static TEE_Result ak_provision_rpmb(struct ta_request *request) {
+static TEE_Result ak_provision_rpmb(struct ta_request* request) {
     struct sp_value key = {0};
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     TEE_Result result = value_read(SP_AK_KEY, &key);
@@ -112,7 +112,7 @@ static TEE_Result ak_provision_rpmb(struct ta_request *request) {
     return result;
 }
 
-static TEE_Result get_public_key_status(struct ta_request *request) {
+static TEE_Result get_public_key_status(struct ta_request* request) {
     struct sp_value key = {0};
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     const TEE_Result result = value_read(SP_AK_KEY, &key);
@@ -121,7 +121,7 @@ static TEE_Result get_public_key_status(struct ta_request *request) {
 }
 
 /* Uint size; Blob text. */
-static TEE_Result reply_version(struct ta_request *request, uint32_t item) {
+static TEE_Result reply_version(struct ta_request* request, uint32_t item) {
     struct sp_value version = {0};
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     TEE_Result result = value_read(item, &version);
@@ -130,22 +130,22 @@ static TEE_Result reply_version(struct ta_request *request, uint32_t item) {
     return result;
 }
 
-static TEE_Result get_info(struct ta_request *request) {
+static TEE_Result get_info(struct ta_request* request) {
     return reply_version(request, SP_SYSTEM_VERSION);
 }
 
-static TEE_Result get_app_info(struct ta_request *request) {
+static TEE_Result get_app_info(struct ta_request* request) {
     return reply_version(request, SP_APP_VERSION);
 }
 
 /* The firmware update itself: the result record it reports. */
-static TEE_Result apply_update(struct ta_request *request, struct sp_value *record) {
+static TEE_Result apply_update(struct ta_request* request, struct sp_value* record) {
     (void)ta_read_int(request); /* the caller's parameter, passed on to the firmware unread */
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     return value_read(SP_UPDATE_RESULT, record);
 }
 
-static TEE_Result update_fw(struct ta_request *request) {
+static TEE_Result update_fw(struct ta_request* request) {
     struct sp_value record = {0};
     TEE_Result result = apply_update(request, &record);
     /* Without a report, the outcome is the result itself: success only when both codes are 0. */
@@ -154,7 +154,7 @@ static TEE_Result update_fw(struct ta_request *request) {
     return result;
 }
 
-static TEE_Result update_fw_with_report(struct ta_request *request) {
+static TEE_Result update_fw_with_report(struct ta_request* request) {
     struct sp_value record = {0}, system = {0}, app = {0};
     TEE_Result result = apply_update(request, &record);
     if (result == TEE_SUCCESS) result = value_read(SP_SYSTEM_VERSION, &system);
@@ -169,7 +169,7 @@ static TEE_Result update_fw_with_report(struct ta_request *request) {
     return result;
 }
 
-static TEE_Result self_test_all(struct ta_request *request) {
+static TEE_Result self_test_all(struct ta_request* request) {
     struct sp_value hack = {0};
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     TEE_Result result = value_read(SP_HACK_STATUS, &hack);
@@ -178,7 +178,7 @@ static TEE_Result self_test_all(struct ta_request *request) {
     return result;
 }
 
-static TEE_Result get_hack_info(struct ta_request *request) {
+static TEE_Result get_hack_info(struct ta_request* request) {
     struct sp_value hack = {0};
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     TEE_Result result = value_read(SP_HACK_STATUS, &hack);
@@ -188,7 +188,7 @@ static TEE_Result get_hack_info(struct ta_request *request) {
     return result;
 }
 
-static TEE_Result get_fw_info(struct ta_request *request) {
+static TEE_Result get_fw_info(struct ta_request* request) {
     struct sp_value words = {0};
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     TEE_Result result = value_read(SP_FIRMWARE_WORDS, &words);
@@ -199,17 +199,17 @@ static TEE_Result get_fw_info(struct ta_request *request) {
     return result;
 }
 
-static TEE_Result force_recovery(struct ta_request *request) {
+static TEE_Result force_recovery(struct ta_request* request) {
     return ta_request_complete(request) ? TEE_SUCCESS : TEE_ERROR_BAD_FORMAT;
 }
 
-static TEE_Result force_recovery_sp(struct ta_request *request) {
+static TEE_Result force_recovery_sp(struct ta_request* request) {
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     /* Recovery restores the secure processor's firmware, which clears a reported hack. */
     return item_erase(SP_HACK_STATUS);
 }
 
-static TEE_Result remove_ak_keys(struct ta_request *request) {
+static TEE_Result remove_ak_keys(struct ta_request* request) {
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
     const TEE_Result result = item_erase(SP_RPMB_BOUND);
     return result != TEE_SUCCESS ? result : item_erase(SP_AK_KEY);
@@ -217,7 +217,7 @@ static TEE_Result remove_ak_keys(struct ta_request *request) {
 
 static const struct {
     uint32_t id;
-    TEE_Result (*run)(struct ta_request *request);
+    TEE_Result (*run)(struct ta_request* request);
 } sp_commands[] = {
     {ZEL_CMD_ze_updateFW, update_fw_with_report},
     {ZEL_CMD_ze_getFWInfo, get_fw_info},
@@ -244,18 +244,18 @@ void TA_DestroyEntryPoint(void) {}
 
 /* Sessions keep nothing: every command finds its state in storage. */
 TEE_Result TA_OpenSessionEntryPoint(uint32_t param_types, TEE_Param params[TEE_NUM_PARAMS],
-                                    void **session) {
+                                    void** session) {
     (void)param_types;
     (void)params;
     *session = NULL;
     return TEE_SUCCESS;
 }
 
-void TA_CloseSessionEntryPoint(void *session) {
+void TA_CloseSessionEntryPoint(void* session) {
     (void)session;
 }
 
-TEE_Result TA_InvokeCommandEntryPoint(void *session, uint32_t command, uint32_t param_types,
+TEE_Result TA_InvokeCommandEntryPoint(void* session, uint32_t command, uint32_t param_types,
                                       TEE_Param params[TEE_NUM_PARAMS]) {
     struct ta_request request;
     (void)session;

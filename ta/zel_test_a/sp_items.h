@@ -21,18 +21,18 @@ enum sp_item {
 
 struct sp_item_rule {
     uint32_t item;
-    const char *object_id;
-    const uint8_t *fallback; /* what a settable item reads as while nothing is stored */
+    const char* object_id;
+    const uint8_t* fallback; /* what a settable item reads as while nothing is stored */
     uint32_t fallback_size;
-    bool settable;     /* by the host TEE's control TA */
+    bool settable;      /* by the host TEE's control TA */
     uint32_t max_size;  /* a settable value's bound, so that every reply fits a block; the size
                            of what the TA keeps itself */
     uint32_t size_step; /* a settable value's size is a multiple of this */
 };
 
 /* Firmware words: system firmware 1.0.2 and application 7.1, then five reserved words. */
-static const uint8_t sp_default_firmware_words[40] = {1, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0,
-                                                      7, 0, 0, 0, 1};
+static const uint8_t sp_default_firmware_words[40] = {1, 0, 0, 0, 0, 0, 0, 0, 2,
+                                                      0, 0, 0, 7, 0, 0, 0, 1};
 static const uint8_t sp_default_zeros[8] = {0};
 static const uint8_t sp_default_system_version[] = {'1', '.', '0', '.', '2'};
 static const uint8_t sp_default_app_version[] = {'7', '.', '1'};
@@ -48,7 +48,7 @@ static const struct sp_item_rule sp_item_rules[] = {
 };
 
 /* The rule of an item; NULL for a number that is none. */
-static inline const struct sp_item_rule *sp_item_rule_of(uint32_t item) {
+static inline const struct sp_item_rule* sp_item_rule_of(uint32_t item) {
     for (uint32_t i = 0; i < sizeof sp_item_rules / sizeof sp_item_rules[0]; ++i)
         if (sp_item_rules[i].item == item) return &sp_item_rules[i];
     return 0;
@@ -56,7 +56,7 @@ static inline const struct sp_item_rule *sp_item_rule_of(uint32_t item) {
 
 /* Whether a value has the shape its item allows: the rule a stored value is checked against when
  * it is read back, and a new answer when it is set. What the TA itself keeps has one size. */
-static inline bool sp_item_value_fits(const struct sp_item_rule *rule, uint32_t size) {
+static inline bool sp_item_value_fits(const struct sp_item_rule* rule, uint32_t size) {
     if (!rule->settable) return size == rule->max_size;
     return size <= rule->max_size && size % rule->size_step == 0;
 }
