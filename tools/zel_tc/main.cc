@@ -12,22 +12,22 @@
 #include <memory>
 #include <optional>
 
+#include "args/number.h"
+#include "args/tee_names.h"
+#include "args/uuid.h"
 #include "bench/command.h"
-#include "plan/catalogue.h"
 #include "fuzz/commands.h"
 #include "helper/commands.h"
+#include "plan/catalogue.h"
 #include "plan/interruption.h"
+#include "plan/run_identity.h"
+#include "plan/step_runner.h"
 #include "reports/last_failed.h"
-#include "args/number.h"
 #include "reports/report_file.h"
 #include "reports/reports.h"
 #include "reports/results_stream.h"
-#include "plan/run_identity.h"
-#include "plan/step_runner.h"
-#include "args/tee_names.h"
-#include "tee/target.h"
 #include "reports/terminal.h"
-#include "args/uuid.h"
+#include "tee/target.h"
 
 namespace {
 

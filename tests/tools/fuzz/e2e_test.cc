@@ -16,6 +16,7 @@
 #include "interface/zel_ta_ids.h"
 #include "vault_fixture.h"
 #include "wsm_encoding.h"
+#include "zel_tc_run.h"
 
 namespace {
 
@@ -135,25 +136,6 @@ TEST_F(FuzzE2eTest, AFillBlobTakesTheRestOfTheBlockAndWhatDoesNotFitIsDropped) {
     Sequence again = calls;
     executor.run(again, true);
     EXPECT_EQ(again, calls);
-}
-
-struct CliRun {
-    int exitCode;
-    std::string err;
-};
-
-CliRun zelTc(const std::string& arguments) {
-    std::string errFile = testing::TempDir() + "zel_tc_fuzz_XXXXXX";
-    close(mkstemp(errFile.data()));
-    const std::string emulator = zel::vault::programEmulator();
-    const std::string command = (emulator.empty() ? "" : emulator + " ") + ZEL_TC_PATH + " " +
-                                arguments + " >/dev/null 2>" + errFile;
-    const int status = std::system(command.c_str());
-    std::ifstream err(errFile);
-    std::stringstream text;
-    text << err.rdbuf();
-    unlink(errFile.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text.str()};
 }
 
 TEST_F(FuzzE2eTest, ReplaySaysWhetherTheFindingReproduces) {

@@ -26,18 +26,13 @@
 #include "control_ids.h"
 #include "interface/zel_ta_ids.h"
 #include "vault_fixture.h"
+#include "zel_tc_run.h"
 
 extern char** environ;
 
 namespace {
 
 using nlohmann::json;
-
-std::string readFile(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> entries(const std::string& directory) {
     std::vector<std::string> names;
@@ -73,21 +68,6 @@ bool waitFor(const std::function<bool()>& condition, int milliseconds = 20000) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return condition();
-}
-
-// Runs a command through the shell: its exit code and what it printed.
-std::pair<int, std::string> shell(const std::string& command) {
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, got);
-    const int status = pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
-
-std::string zelTcCommand() {
-    const std::string emulator = zel::vault::programEmulator();
-    return (emulator.empty() ? "" : emulator + " ") + ZEL_TC_PATH;
 }
 
 // A folder of its own per test, as $TMPDIR of the zel-tc it runs, so that what a private daemon
@@ -266,6 +246,17 @@ TEST_F(ZelTcCiTest, BadInputExitsTwoAndWritesNothing) {
         {"run process --timeout 1e3", "cannot read --timeout 1e3"},
         {"run process --repeat 0", "cannot read --repeat 0"},
         {"run process --socket /nonexistent/socket", "no TEE answers at /nonexistent/socket"},
+        {"run nosuch", "no step is named 'nosuch'"},
+        {"run bist 18", "bist takes a number from 3 to 17"},
+        {"run 'x*'", "no step matches 'x*'"},
+        {"run", "--all for the whole plan"},
+        {"run 999", ""},
+        {"frobnicate", ""},
+        {"run --all process", ""},
+        {"run process --junit /no/such/dir/r.xml", ""},
+        {"run process --timeout x", "cannot read --timeout x"},
+        {"helper zelResultToStr 1", ""},
+        {"helper GetSHA256Hash 0g", ""},
     };
     for (const auto& bad : kCases) {
         EXPECT_EQ(run(std::string(bad.arguments) + out), 2) << bad.arguments;

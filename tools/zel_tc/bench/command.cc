@@ -13,18 +13,18 @@
 #include <map>
 #include <memory>
 
-#include "bench/report.h"
-#include "plan/catalogue.h"
-#include "interface/zel_ta_ids.h"
-#include "plan/interruption.h"
 #include "args/number.h"
 #include "args/number_option.h"
+#include "args/uuid.h"
+#include "bench/report.h"
+#include "interface/zel_ta_ids.h"
+#include "plan/catalogue.h"
+#include "plan/interruption.h"
+#include "plan/step_runner.h"
 #include "reports/report_file.h"
 #include "reports/results_stream.h"
-#include "plan/step_runner.h"
 #include "tee/target.h"
 #include "transport/zel_tee_client.h"
-#include "args/uuid.h"
 
 namespace zel::tc {
 

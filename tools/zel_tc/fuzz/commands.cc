@@ -3,11 +3,11 @@
 #include <iostream>
 #include <memory>
 
+#include "args/number_option.h"
+#include "args/tee_names.h"
 #include "fuzz/campaign.h"
 #include "plan/interruption.h"
-#include "args/number_option.h"
 #include "reports/report_file.h"
-#include "args/tee_names.h"
 #include "tee/target.h"
 
 namespace zel::tc {

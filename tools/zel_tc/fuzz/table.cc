@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "interface/zel_ta_ids.h"
 #include "args/number.h"
 #include "args/uuid.h"
+#include "interface/zel_ta_ids.h"
 
 namespace zel::tc::fuzz {
 

@@ -10,9 +10,9 @@
 #include <iostream>
 #include <sstream>
 
-#include "plan/case_name.h"
-#include "managers/ca_manager.h"
 #include "args/number.h"
+#include "managers/ca_manager.h"
+#include "plan/case_name.h"
 #include "zel_tc_lib.h"
 
 namespace zel::tc {

@@ -8,9 +8,9 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "args/uuid.h"
 #include "plan/case_name.h"
 #include "reports/report_file.h"
-#include "args/uuid.h"
 
 namespace zel::tc {
 

@@ -9,11 +9,11 @@
 #include <iostream>
 #include <sstream>
 
+#include "args/tee_names.h"
 #include "plan/case_name.h"
 #include "plan/interruption.h"
 #include "reports/report_file.h"
 #include "reports/results_stream.h"
-#include "args/tee_names.h"
 #include "reports/utf8_text.h"
 
 namespace zel::tc {

@@ -1,10 +1,10 @@
 #include "reports/results_stream.h"
 
+#include "args/tee_names.h"
+#include "args/uuid.h"
 #include "plan/case_name.h"
 #include "plan/interruption.h"
-#include "args/tee_names.h"
 #include "reports/utf8_text.h"
-#include "args/uuid.h"
 
 namespace zel::tc {
 

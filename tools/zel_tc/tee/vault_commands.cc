@@ -14,15 +14,15 @@
 #include <fstream>
 #include <thread>
 
+#include "args/hex.h"
+#include "args/number_option.h"
+#include "args/tee_names.h"
+#include "args/uuid.h"
 #include "control_client.h"
 #include "control_ids.h"
 #include "daemon_launcher.h"
-#include "args/hex.h"
 #include "interface/zel_ta_ids.h"
-#include "args/number_option.h"
-#include "args/tee_names.h"
 #include "teec_wire.h"
-#include "args/uuid.h"
 #include "wsm_encoding.h"
 
 namespace zel::tc {
