@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <openssl/core_names.h>
-#include <openssl/ec.h>
-#include <openssl/evp.h>
-#include <openssl/param_build.h>
 #include <sqlite3.h>
 #include <tee_internal_api.h>
 
@@ -22,28 +19,23 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <type_traits>
 #include <vector>
 
 #include "object_store.h"
+#include "openssl_bytes.h"
 #include "ta_context.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using zel::tee::ObjectStore;
 using zel::tee::TaContext;
+using zel::test::Bytes;
 
 constexpr TEE_UUID kVault = {0x12345678, 0x9abc, 0xdef0, {1, 2, 3, 4, 5, 6, 7, 8}};
 constexpr TEE_UUID kOther = {0x12345678, 0x9abc, 0xdef0, {1, 2, 3, 4, 5, 6, 7, 9}};
 constexpr size_t kHeap = 1 << 20;
 
-Bytes hex(const char* text) {
-    Bytes bytes;
-    for (size_t index = 0; text[index] && text[index + 1]; index += 2)
-        bytes.push_back(uint8_t(std::stoul(std::string(text + index, 2), nullptr, 16)));
-    return bytes;
-}
+constexpr auto hex = zel::test::hexBytes;
 
 // Runs body as the context's TA: false when it panicked, with the code in panicCode.
 template <typename Body>
@@ -577,8 +569,8 @@ TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
     EXPECT_EQ(ta_->handlesInUse(), 0u);
 }
 
-// The OpenSSL public key at (x, y) on P-256.
-EVP_PKEY* publicKey(const Bytes& x, const Bytes& y) {
+// Whether OpenSSL finds signature (GP's r || s) good for digest under the P-256 point (x, y).
+bool verifies(const Bytes& x, const Bytes& y, const Bytes& digest, const Bytes& signature) {
     Bytes point{0x04};
     point.insert(point.end(), x.begin(), x.end());
     point.insert(point.end(), y.begin(), y.end());
@@ -587,31 +579,12 @@ EVP_PKEY* publicKey(const Bytes& x, const Bytes& y) {
                                          const_cast<char*>("prime256v1"), 0),
         OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()),
         OSSL_PARAM_construct_end()};
-    EVP_PKEY_CTX* context = EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr);
+    const zel::test::PkeyCtx context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
     EVP_PKEY* key = nullptr;
-    if (context && EVP_PKEY_fromdata_init(context) == 1)
-        EVP_PKEY_fromdata(context, &key, EVP_PKEY_PUBLIC_KEY, params);
-    EVP_PKEY_CTX_free(context);
-    return key;
-}
-
-// Whether OpenSSL finds signature (GP's r || s) good for digest under (x, y).
-bool verifies(const Bytes& x, const Bytes& y, const Bytes& digest, const Bytes& signature) {
-    EVP_PKEY* key = publicKey(x, y);
-    ECDSA_SIG* parts = ECDSA_SIG_new();
-    ECDSA_SIG_set0(parts, BN_bin2bn(signature.data(), 32, nullptr),
-                   BN_bin2bn(signature.data() + 32, 32, nullptr));
-    unsigned char* der = nullptr;
-    const int derSize = i2d_ECDSA_SIG(parts, &der);
-    EVP_PKEY_CTX* context = key ? EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr) : nullptr;
-    const bool good =
-        context && derSize > 0 && EVP_PKEY_verify_init(context) == 1 &&
-        EVP_PKEY_verify(context, der, size_t(derSize), digest.data(), digest.size()) == 1;
-    EVP_PKEY_CTX_free(context);
-    OPENSSL_free(der);
-    ECDSA_SIG_free(parts);
-    EVP_PKEY_free(key);
-    return good;
+    if (context && EVP_PKEY_fromdata_init(context.get()) == 1)
+        EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, params);
+    const zel::test::Pkey owned(key);
+    return zel::test::verifiesDigest(key, digest, zel::test::ecdsaDer(signature));
 }
 
 TEST_F(TeeApiTest, EcdsaSignatureVerifiesWithOpenSslAndEcdhAgreesBothWays) {
