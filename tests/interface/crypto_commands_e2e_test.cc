@@ -2,18 +2,14 @@
 // rather than by the vault's own code.
 #include <gtest/gtest.h>
 
-#include <openssl/core_names.h>
-#include <openssl/ec.h>
-#include <openssl/evp.h>
 #include <openssl/kdf.h>
 #include <openssl/rand.h>
-#include <openssl/x509.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <vector>
 
+#include "openssl_bytes.h"
 #include "output_capture.h"
 #include "support/test_vectors.h"
 #include "vault_fixture.h"
@@ -22,8 +18,10 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-using Pkey = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+using zel::test::Bytes;
+using zel::test::derOf;
+using zel::test::Pkey;
+constexpr auto fromHex = zel::test::hexBytes;
 constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
 constexpr int32_t kNoData = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
 
@@ -31,34 +29,12 @@ int32_t asResult(TEEC_Result result) {
     return static_cast<int32_t>(result);
 }
 
-Bytes fromHex(const char* hex) {
-    Bytes bytes(std::strlen(hex) / 2);
-    unsigned int size = static_cast<unsigned int>(bytes.size());
-    hex_str_2_bin(bytes.data(), hex, &size, static_cast<unsigned int>(std::strlen(hex)));
-    return bytes;
-}
-
 Pkey newEcKey() {
-    return Pkey(EVP_EC_gen("P-256"), EVP_PKEY_free);
-}
-
-Bytes privateDer(EVP_PKEY* key) {
-    Bytes der(static_cast<size_t>(i2d_PrivateKey(key, nullptr)));
-    unsigned char* cursor = der.data();
-    i2d_PrivateKey(key, &cursor);
-    return der;
-}
-
-Bytes publicSpki(EVP_PKEY* key) {
-    Bytes der(static_cast<size_t>(i2d_PUBKEY(key, nullptr)));
-    unsigned char* cursor = der.data();
-    i2d_PUBKEY(key, &cursor);
-    return der;
+    return Pkey(EVP_EC_gen("P-256"));
 }
 
 Bytes derive(EVP_PKEY* own, EVP_PKEY* peer) {
-    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(EVP_PKEY_CTX_new(own, nullptr),
-                                                                    EVP_PKEY_CTX_free);
+    const zel::test::PkeyCtx ctx(EVP_PKEY_CTX_new(own, nullptr));
     size_t length = 0;
     EVP_PKEY_derive_init(ctx.get());
     EVP_PKEY_derive_set_peer(ctx.get(), peer);
@@ -139,7 +115,7 @@ struct Out {
 class CryptoCommandsTest : public VaultFixture {
   protected:
     void storeEcKey(int index, EVP_PKEY* key) {
-        Bytes der = privateDer(key);
+        Bytes der = derOf(key, i2d_PrivateKey);
         ASSERT_EQ(vault.zel_storeKey(index, 5, der.data(), static_cast<unsigned int>(der.size())),
                   0);
     }
@@ -186,13 +162,10 @@ TEST_F(CryptoCommandsTest, SignaturesVerifyAndAuthKeysMatchOpenSsl) {
     ASSERT_EQ(
         vault.zel_ecdsaCreateSignature(5, 2, digest.data(), 32, &signature.data, &signature.size),
         0);
-    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> verify(
-        EVP_PKEY_CTX_new(device.get(), nullptr), EVP_PKEY_CTX_free);
-    ASSERT_EQ(EVP_PKEY_verify_init(verify.get()), 1);
-    EXPECT_EQ(EVP_PKEY_verify(verify.get(), signature.data, signature.size, digest.data(), 32), 1);
+    EXPECT_TRUE(zel::test::verifiesDigest(device.get(), digest, signature.bytes()));
 
     Pkey peer = newEcKey();
-    Bytes peerSpki = publicSpki(peer.get());
+    Bytes peerSpki = derOf(peer.get(), i2d_PUBKEY);
     Out shared;
     ASSERT_EQ(vault.zel_genAuthKey(5, peerSpki.data(), static_cast<unsigned int>(peerSpki.size()),
                                    &shared.data, &shared.size),
@@ -217,7 +190,7 @@ TEST_F(CryptoCommandsTest, HubTokenOpensToItsIdentityAndKeysAndATamperedOneStore
     Bytes nonce(16);
     RAND_bytes(nonce.data(), 16);
     Bytes sealed = sealGcm(tokenKey, nonce, plain);
-    Bytes cloudSpki = publicSpki(cloud.get());
+    Bytes cloudSpki = derOf(cloud.get(), i2d_PUBKEY);
     const auto size = [](const Bytes& b) { return static_cast<unsigned int>(b.size()); };
 
     ASSERT_EQ(vault.zel_decryptHubToken(5, 7, sealed.data(), size(sealed), nonce.data(), 16,

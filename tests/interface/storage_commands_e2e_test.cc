@@ -3,14 +3,11 @@
 // would not produce them.
 #include <gtest/gtest.h>
 
-#include <openssl/ec.h>
-#include <openssl/evp.h>
-
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <vector>
 
+#include "openssl_bytes.h"
 #include "output_capture.h"
 #include "vault_fixture.h"
 #include "wsm_message.h"
@@ -18,7 +15,7 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using zel::test::Bytes;
 constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
 constexpr int32_t kNoData = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
 
@@ -37,14 +34,6 @@ Bytes opensslSha256(const Bytes& data) {
     unsigned int length = 0;
     EVP_Digest(data.data(), data.size(), digest.data(), &length, EVP_sha256(), nullptr);
     return digest;
-}
-
-Bytes opensslEcKey() {
-    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
-    Bytes der(static_cast<size_t>(i2d_PrivateKey(key.get(), nullptr)));
-    unsigned char* cursor = der.data();
-    i2d_PrivateKey(key.get(), &cursor);
-    return der;
 }
 
 class StorageCommandsTest : public VaultFixture {
@@ -101,7 +90,7 @@ TEST_F(StorageCommandsTest, KeysAreStoredComparedGeneratedAndDeleted) {
     // No empty-input check here: the request goes out and the TA refuses it.
     EXPECT_EQ(vault.zel_compareData(4, same.data(), 0), asResult(TEEC_ERROR_BAD_PARAMETERS));
 
-    Bytes ec = opensslEcKey();
+    Bytes ec = zel::test::derOf(zel::test::Pkey(EVP_EC_gen("P-256")).get(), i2d_PrivateKey);
     EXPECT_EQ(vault.zel_storeKey(5, 5, ec.data(), static_cast<unsigned int>(ec.size())), 0);
     Bytes notAKey = pattern(121, 3);
     EXPECT_EQ(vault.zel_storeKey(6, 5, notAKey.data(), 121), asResult(TEEC_ERROR_BAD_FORMAT));

@@ -30,34 +30,6 @@ TEST_F(RawSuiteTest, ProcessMaskCountsOnlyTheFailingCommands) {
                      "Tessaril PROCESS TEST CA RESULT : 260"}));
 }
 
-TEST_F(RawSuiteTest, LifecycleSucceedsThenStopsAtTheFifthFailure) {
-    ZETest test;
-    test.SetCMD(0);
-    {
-        OutputCapture output;
-        EXPECT_EQ(test.SendCMD(), 0);
-        EXPECT_EQ(output.lines(),
-                  (Lines{"Tessaril Test CA SendCMD: 0", "TEE connection has been set",
-                         "Tessaril LIFECYCLE TEST CA RESULT : 0"}));
-    }
-    ASSERT_EQ(control.failInvocations(zel_test, 0, 2, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
-    {
-        OutputCapture output;
-        EXPECT_EQ(test.SendCMD(), 2);
-        EXPECT_EQ(output.lines().back(), "Tessaril LIFECYCLE TEST CA RESULT : 2");
-    }
-    ASSERT_EQ(control.failInvocations(zel_test, 0, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
-    OutputCapture output;
-    EXPECT_EQ(test.SendCMD(), 5);
-    const std::string failure =
-        "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901773, retOrigin = 3";
-    EXPECT_EQ(output.lines(),
-              (Lines{"Tessaril Test CA SendCMD: 0", "TEE connection has been set", failure, failure,
-                     failure, failure, failure, "Tessaril LIFECYCLE TEST CA RESULT : 5"}));
-}
-
 TEST_F(RawSuiteTest, BistReportsTheTeeResultOfEachCommand) {
     OutputCapture output;
     ZETest test;
@@ -74,65 +46,6 @@ TEST_F(RawSuiteTest, BistReportsTheTeeResultOfEachCommand) {
                      "Tessaril HEAVYLOAD TEST CA RESULT : 0", "TEE connection has been set",
                      "TEEC_InvokeCommand() failed for cmd = 48, result = 4294901770, retOrigin = 4",
                      "Tessaril BIST : 48 TEST CA RESULT : 4294901770"}));
-}
-
-TEST_F(RawSuiteTest, UnknownSelectorOpensNoSession) {
-    // Any session opened would fail loudly.
-    ASSERT_EQ(control.failOpenSession(zel_test, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE), TEEC_SUCCESS);
-    OutputCapture output;
-    ZETest test;
-    test.SetCMD(18);
-    EXPECT_EQ(test.SendCMD(), kGeneric);
-    test.SetCMD(-1);
-    EXPECT_EQ(test.SendCMD(), kGeneric);
-    EXPECT_EQ(output.lines(),
-              (Lines{"Tessaril Test CA created", "Tessaril Test CA SendCMD: 18",
-                     "Tessaril Test CA SendCMD unknown command", "Tessaril Test CA SendCMD: -1",
-                     "Tessaril Test CA SendCMD unknown command"}));
-}
-
-TEST_F(RawSuiteTest, RecoverableLineOnlyForGenericErrorsFromTheCommunicationLayer) {
-    ASSERT_EQ(control.failInvocations(zel_test, 0, 1, TEEC_ERROR_GENERIC, TEEC_ORIGIN_COMMS),
-              TEEC_SUCCESS);
-    {
-        OutputCapture output;
-        EXPECT_EQ(test_lifetime(), kGeneric);
-        EXPECT_EQ(
-            output.lines(),
-            (Lines{"TEE connection has been set",
-                   "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901760, retOrigin = 2",
-                   "TZ reported recoverable error, session should be restarted",
-                   "Tessaril test_lifetime TEST CA RESULT : 4294901760"}));
-    }
-    ASSERT_EQ(control.failInvocations(zel_test, 0, 1, TEEC_ERROR_GENERIC, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
-    OutputCapture output;
-    EXPECT_EQ(test_lifetime(), kGeneric);
-    EXPECT_EQ(output.lines(),
-              (Lines{"TEE connection has been set",
-                     "TEEC_InvokeCommand() failed for cmd = 0, result = 4294901760, retOrigin = 3",
-                     "Tessaril test_lifetime TEST CA RESULT : 4294901760"}));
-}
-
-TEST_F(RawSuiteTest, SessionAndAllocationFailuresFailEveryInvocation) {
-    ASSERT_EQ(control.failAllocations(1, TEEC_ERROR_OUT_OF_MEMORY, TEEC_ORIGIN_TEE), TEEC_SUCCESS);
-    {
-        OutputCapture output;
-        ZETest test;
-        EXPECT_EQ(test.process_test(), 511u);
-        EXPECT_EQ(output.lines(), (Lines{"Tessaril Test CA created",
-                                         "Failed to allocate shared memory, result = 4294901772",
-                                         "Tessaril PROCESS TEST CA RESULT : 511"}));
-    }
-    ASSERT_EQ(control.failOpenSession(zel_test, 1, TEEC_ERROR_ACCESS_DENIED, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
-    OutputCapture output;
-    EXPECT_NE(test_lifetime(), 0);
-    const Lines lines = output.lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "Failed to open TEE session, result and retOrigin = 4294901761, 3");
-    EXPECT_EQ(lines[1].rfind("Tessaril test_lifetime TEST CA RESULT : ", 0), 0u);
-    EXPECT_NE(lines[1], "Tessaril test_lifetime TEST CA RESULT : 0");
 }
 
 TEST_F(RawSuiteTest, AbsentDaemonFailsEverySuite) {

@@ -88,6 +88,10 @@ TEST_F(ZeTestCallsTest, SelectorPicksTheSuiteAndUnknownSelectorsOpenNothing) {
     recorder::reset();
     EXPECT_EQ(fresh.SendCMD(), static_cast<int32_t>(TEEC_ERROR_GENERIC));
     EXPECT_TRUE(recorder::calls.empty());
+    const Lines lines = output.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "Tessaril Test CA SendCMD unknown command"),
+              4);
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "Tessaril Test CA SendCMD: -1"), lines.end());
 }
 
 }  // namespace

@@ -2,10 +2,7 @@
 // leaves behind, and, checked with OpenSSL alone, that the vectors are the keys, ciphertexts and
 // structures they claim to be.
 #include <gtest/gtest.h>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
 #include <openssl/opensslv.h>
-#include <openssl/x509.h>
 #if OPENSSL_VERSION_NUMBER >= 0x30000000L
 #include <openssl/core_names.h>
 #endif
@@ -17,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "openssl_bytes.h"
 #include "output_capture.h"
 #include "support/data_place_holder.h"
 #include "support/test_vectors.h"
@@ -24,30 +22,16 @@
 namespace {
 
 namespace v = zel::vectors;
-using Bytes = std::vector<unsigned char>;
+using zel::test::Bytes;
 
-template <auto Release>
-struct Releaser {
-    template <typename T>
-    void operator()(T* p) const {
-        Release(p);
-    }
-};
-using PkeyPtr = std::unique_ptr<EVP_PKEY, Releaser<EVP_PKEY_free>>;
-using PkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, Releaser<EVP_PKEY_CTX_free>>;
-using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, Releaser<EVP_CIPHER_CTX_free>>;
-using BignumPtr = std::unique_ptr<BIGNUM, Releaser<BN_free>>;
+using PkeyPtr = zel::test::Pkey;
+using PkeyCtxPtr = zel::test::PkeyCtx;
+using CipherCtxPtr = std::unique_ptr<EVP_CIPHER_CTX, zel::test::Releaser<EVP_CIPHER_CTX_free>>;
+using BignumPtr = std::unique_ptr<BIGNUM, zel::test::Releaser<BN_free>>;
 
 constexpr unsigned char kUnwritten = 0xEE;
 
-// OpenSSL's decoder, so that the expected bytes do not come through the code under test.
-Bytes decodeHex(const char* text) {
-    long length = 0;
-    unsigned char* bytes = OPENSSL_hexstr2buf(text, &length);
-    Bytes out(bytes, bytes + (bytes ? length : 0));
-    OPENSSL_free(bytes);
-    return out;
-}
+constexpr auto decodeHex = zel::test::hexBytes;
 
 std::optional<Bytes> aes256CbcDecrypt(const Bytes& key, const Bytes& iv, const Bytes& body) {
     CipherCtxPtr ctx(EVP_CIPHER_CTX_new());

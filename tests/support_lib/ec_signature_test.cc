@@ -2,20 +2,18 @@
 // length that occurs, converted and verified again in raw form, and inputs built for each result
 // code, checked in the order the codes are tested.
 #include <gtest/gtest.h>
-#include <openssl/bn.h>
-#include <openssl/ec.h>
-#include <openssl/evp.h>
 
 #include <memory>
 #include <set>
 #include <utility>
 #include <vector>
 
+#include "openssl_bytes.h"
 #include "support/ec_signature.h"
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using zel::test::Bytes;
 
 struct Converted {
     int result;
@@ -61,9 +59,9 @@ Bytes operator+(Bytes left, const Bytes& right) {
     return left;
 }
 
-using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 using MdCtx = std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)>;
-using Sig = std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)>;
+using zel::test::ecdsaDer;
+using zel::test::ecdsaRaw;
 
 Bytes sign(EVP_PKEY* key, const Bytes& message) {
     MdCtx ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
@@ -84,31 +82,8 @@ bool verify(EVP_PKEY* key, const Bytes& message, const Bytes& derSignature) {
                             message.size()) == 1;
 }
 
-// OpenSSL's reading of a DER signature as raw r || s, to compare ours with.
-Bytes opensslRaw(const Bytes& derSignature) {
-    const unsigned char* next = derSignature.data();
-    Sig sig(d2i_ECDSA_SIG(nullptr, &next, static_cast<long>(derSignature.size())), ECDSA_SIG_free);
-    Bytes raw(64);
-    if (!sig || BN_bn2binpad(ECDSA_SIG_get0_r(sig.get()), raw.data(), 32) != 32 ||
-        BN_bn2binpad(ECDSA_SIG_get0_s(sig.get()), raw.data() + 32, 32) != 32)
-        return {};
-    return raw;
-}
-
-// OpenSSL's own DER for a raw r || s, so that re-verification does not trust our reading of DER.
-Bytes opensslDer(const Bytes& raw) {
-    Sig sig(ECDSA_SIG_new(), ECDSA_SIG_free);
-    ECDSA_SIG_set0(sig.get(), BN_bin2bn(raw.data(), 32, nullptr),
-                   BN_bin2bn(raw.data() + 32, 32, nullptr));
-    unsigned char* encoded = nullptr;
-    const int length = i2d_ECDSA_SIG(sig.get(), &encoded);
-    Bytes out(encoded, encoded + (length > 0 ? length : 0));
-    OPENSSL_free(encoded);
-    return out;
-}
-
 TEST(EcSignatureDerToRaw, OpenSslSignaturesOfEveryLengthConvertAndVerifyAgain) {
-    Key key(EVP_EC_gen("P-256"), EVP_PKEY_free);
+    const zel::test::Pkey key(EVP_EC_gen("P-256"));
     ASSERT_TRUE(key);
     // r and s take 33 bytes when their top bit is set (half the time) and 31 about once in 256:
     // a few thousand signatures find every pair below; the bound only stops a broken signer.
@@ -127,7 +102,7 @@ TEST(EcSignatureDerToRaw, OpenSslSignaturesOfEveryLengthConvertAndVerifyAgain) {
         const Converted out = convert(signature);
         ASSERT_EQ(out.result, 0);
         EXPECT_EQ(out.rawLen, 64u);
-        EXPECT_EQ(out.raw, opensslRaw(signature));
+        EXPECT_EQ(out.raw, ecdsaRaw(signature));
         // A value shorter than 32 bytes leaves a zero in front of it in the raw form. DER writes
         // such a value in 31 bytes, or in 32 when its top bit needs a zero sign byte before it.
         const auto shorterThan32 = [&](int length, std::size_t at) {
@@ -135,11 +110,11 @@ TEST(EcSignatureDerToRaw, OpenSslSignaturesOfEveryLengthConvertAndVerifyAgain) {
         };
         EXPECT_EQ(out.raw[0] == 0, shorterThan32(lengths.first, 4));
         EXPECT_EQ(out.raw[32] == 0, shorterThan32(lengths.second, 6 + lengths.first));
-        EXPECT_TRUE(verify(key.get(), message, opensslDer(out.raw)));
+        EXPECT_TRUE(verify(key.get(), message, ecdsaDer(out.raw)));
         // The same raw form with one bit flipped must not verify: the check above means something.
         Bytes damaged = out.raw;
         damaged[63] ^= 1;
-        EXPECT_FALSE(verify(key.get(), message, opensslDer(damaged)));
+        EXPECT_FALSE(verify(key.get(), message, ecdsaDer(damaged)));
     }
     EXPECT_EQ(seen, wanted);
 }

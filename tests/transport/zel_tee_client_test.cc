@@ -58,46 +58,46 @@ TEST_F(ZelTeeClientTest, ConnectedClientInvokesOverTheWholeBlockAndReleasesInRev
     EXPECT_EQ(output.lines(), Lines{"TEE connection has been set"});
 }
 
-TEST_F(ZelTeeClientTest, ContextFailurePrintsOneLineAndAttemptsNothingElse) {
-    recorder::script.initialize = TEEC_ERROR_ITEM_NOT_FOUND;
-    OutputCapture output;
-    {
-        ZELTEEClient client;
-        EXPECT_FALSE(client.Open(zel_test));
-        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
+// Each failed step of Open says one line; the steps before it, and only those, are undone when
+// the client is destroyed.
+TEST_F(ZelTeeClientTest, OpenFailuresUndoOnlyWhatWasDoneAndSayOneLine) {
+    const struct {
+        void (*arrange)();
+        Calls afterOpen, calls;
+        const char* line;
+    } kCases[] = {
+        {[] { recorder::script.initialize = TEEC_ERROR_ITEM_NOT_FOUND; },
+         {"InitializeContext"},
+         {"InitializeContext"},
+         "Failed to initialize TEE context, result = 4294901768"},
+        {[] {
+             recorder::script.openSession = {TEEC_ERROR_ACCESS_DENIED, TEEC_ORIGIN_TEE};
+         },
+         {"InitializeContext", "OpenSession"},
+         {"InitializeContext", "OpenSession", "FinalizeContext"},
+         "Failed to open TEE session, result and retOrigin = 4294901761, 3"},
+        {[] { recorder::script.allocate = TEEC_ERROR_OUT_OF_MEMORY; },
+         {"InitializeContext", "OpenSession", "AllocateSharedMemory"},
+         {"InitializeContext", "OpenSession", "AllocateSharedMemory", "CloseSession",
+          "FinalizeContext"},
+         "Failed to allocate shared memory, result = 4294901772"},
+    };
+    for (const auto& c : kCases) {
+        recorder::reset();
+        c.arrange();
+        OutputCapture output;
+        {
+            ZELTEEClient client;
+            EXPECT_FALSE(client.Open(zel_test));
+            EXPECT_EQ(recorder::calls, c.afterOpen);
+            EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
+        }
+        EXPECT_EQ(recorder::calls, c.calls);
+        EXPECT_EQ(output.lines(), Lines{c.line});
     }
-    EXPECT_EQ(recorder::calls, Calls{"InitializeContext"});
-    EXPECT_EQ(output.lines(), Lines{"Failed to initialize TEE context, result = 4294901768"});
 }
 
-TEST_F(ZelTeeClientTest, SessionFailureKeepsTheContextUntilDestruction) {
-    recorder::script.openSession = {TEEC_ERROR_ACCESS_DENIED, TEEC_ORIGIN_TEE};
-    OutputCapture output;
-    {
-        ZELTEEClient client;
-        EXPECT_FALSE(client.Open(zel_test));
-        EXPECT_EQ(recorder::calls, (Calls{"InitializeContext", "OpenSession"}));
-        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
-    }
-    EXPECT_EQ(recorder::calls, (Calls{"InitializeContext", "OpenSession", "FinalizeContext"}));
-    EXPECT_EQ(output.lines(),
-              Lines{"Failed to open TEE session, result and retOrigin = 4294901761, 3"});
-}
-
-TEST_F(ZelTeeClientTest, AllocationFailureClosesSessionAndContextButReleasesNoMemory) {
-    recorder::script.allocate = TEEC_ERROR_OUT_OF_MEMORY;
-    OutputCapture output;
-    {
-        ZELTEEClient client;
-        EXPECT_FALSE(client.Open(zel_test));
-        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
-    }
-    EXPECT_EQ(recorder::calls, (Calls{"InitializeContext", "OpenSession", "AllocateSharedMemory",
-                                      "CloseSession", "FinalizeContext"}));
-    EXPECT_EQ(output.lines(), Lines{"Failed to allocate shared memory, result = 4294901772"});
-}
-
-TEST_F(ZelTeeClientTest, SecondOpenCallsNoTeeFunctionAndKeepsTheFirstSession) {
+TEST_F(ZelTeeClientTest, SecondOpenKeepsTheFirstSessionUntilClosedThenOpensAgain) {
     OutputCapture output;
     ZELTEEClient client;
     ASSERT_TRUE(client.Open(zel_test));
@@ -105,19 +105,12 @@ TEST_F(ZelTeeClientTest, SecondOpenCallsNoTeeFunctionAndKeepsTheFirstSession) {
     EXPECT_TRUE(client.Open(zel_test_a));
     EXPECT_EQ(recorder::calls.size(), callsAfterFirstOpen);
     EXPECT_EQ(std::memcmp(&recorder::lastDestination, &zel_test, sizeof zel_test), 0);
-    EXPECT_EQ(output.lines(),
-              (Lines{"TEE connection has been set", "TEE connection has been set"}));
-}
-
-TEST_F(ZelTeeClientTest, ClosedClientCanBeOpenedAgain) {
-    OutputCapture output;
-    ZELTEEClient client;
-    ASSERT_TRUE(client.Open(zel_test));
     client.Close();
-    ASSERT_TRUE(client.Open(zel_test));
+    ASSERT_TRUE(client.Open(zel_test_a));
+    EXPECT_EQ(std::memcmp(&recorder::lastDestination, &zel_test_a, sizeof zel_test_a), 0);
     EXPECT_EQ(client.InvokeCommand(1), TEEC_SUCCESS);
     EXPECT_EQ(std::count(recorder::calls.begin(), recorder::calls.end(), "InitializeContext"), 2);
-    output.lines();
+    EXPECT_EQ(output.lines(), Lines(3, "TEE connection has been set"));
 }
 
 TEST_F(ZelTeeClientTest, InvocationFailureLinesInUnsignedDecimal) {

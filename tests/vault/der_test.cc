@@ -2,12 +2,8 @@
 // OpenSSL reads back to the same numbers, and the strict-DER inputs they refuse (with OpenSSL's own
 // verdict beside each, so that every difference from it is one written down here).
 #include <gtest/gtest.h>
-#include <openssl/bn.h>
 #include <openssl/core_names.h>
-#include <openssl/ec.h>
-#include <openssl/evp.h>
 #include <openssl/rand.h>
-#include <openssl/x509.h>
 
 #include <algorithm>
 #include <cstring>
@@ -15,28 +11,17 @@
 #include <string>
 #include <vector>
 
+#include "openssl_bytes.h"
 #include "support/test_vectors.h"
 
 #include "der.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-struct PkeyFree {
-    void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-using Pkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
-struct SigFree {
-    void operator()(ECDSA_SIG* sig) const { ECDSA_SIG_free(sig); }
-};
-
-Bytes fromHex(const std::string& hex) {
-    Bytes bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    return bytes;
-}
+using zel::test::Bytes;
+using zel::test::derOf;
+using zel::test::hexBytes;
+using zel::test::Pkey;
 
 Bytes cat(std::initializer_list<Bytes> parts) {
     Bytes all;
@@ -98,16 +83,6 @@ bool opensslRsaPublicKey(const Bytes& der) {
     return key && cursor == der.data() + der.size();
 }
 
-template <typename Encode>
-Bytes encode(EVP_PKEY* key, Encode i2d) {
-    const int length = i2d(key, nullptr);
-    EXPECT_GT(length, 0);
-    Bytes out(static_cast<size_t>(length));
-    unsigned char* cursor = out.data();
-    EXPECT_EQ(i2d(key, &cursor), length);
-    return out;
-}
-
 enum class Reader { kPrivate, kPublic, kRsa };
 
 bool ours(Reader reader, const Bytes& input) {
@@ -147,7 +122,7 @@ void expectSameKey(const der_ec_key& read, EVP_PKEY* key) {
 }
 
 TEST(DerTest, ProjectVectorsAndOpenSslKeysParseAndRoundTrip) {
-    const Bytes device = fromHex(zel::vectors::kDeviceEcPrivateKey);
+    const Bytes device = hexBytes(zel::vectors::kDeviceEcPrivateKey);
     der_ec_key key;
     ASSERT_TRUE(der_read_ec_private_key(device.data(), uint32_t(device.size()), &key));
     Pkey reference = opensslPrivateKey(device);
@@ -157,7 +132,7 @@ TEST(DerTest, ProjectVectorsAndOpenSslKeysParseAndRoundTrip) {
     der_write_ec_private_key(&key, written);
     EXPECT_EQ(bytesOf(written, sizeof written), device);
 
-    const Bytes cloud = fromHex(zel::vectors::kCloudEcPublicKey);
+    const Bytes cloud = hexBytes(zel::vectors::kCloudEcPublicKey);
     uint8_t x[32], y[32];
     ASSERT_TRUE(der_read_ec_public_key(cloud.data(), uint32_t(cloud.size()), x, y));
     reference = opensslPublicKey(cloud);
@@ -165,7 +140,7 @@ TEST(DerTest, ProjectVectorsAndOpenSslKeysParseAndRoundTrip) {
     EXPECT_EQ(bytesOf(x, 32), keyParam(reference.get(), OSSL_PKEY_PARAM_EC_PUB_X));
     EXPECT_EQ(bytesOf(y, 32), keyParam(reference.get(), OSSL_PKEY_PARAM_EC_PUB_Y));
 
-    const Bytes ak = fromHex(zel::vectors::kRsaPublicKey);
+    const Bytes ak = hexBytes(zel::vectors::kRsaPublicKey);
     EXPECT_TRUE(der_is_rsa_public_key(ak.data(), uint32_t(ak.size())));
 
     // Fresh keys until one has a private key below 2^248, whose OpenSSL writes with a leading
@@ -174,7 +149,7 @@ TEST(DerTest, ProjectVectorsAndOpenSslKeysParseAndRoundTrip) {
     for (int i = 0; i < 4000 && (i < 50 || !sawShortKey); ++i) {
         const Pkey generated(EVP_EC_gen("P-256"));
         ASSERT_TRUE(generated);
-        const Bytes der = encode(generated.get(), i2d_PrivateKey);
+        const Bytes der = derOf(generated.get(), i2d_PrivateKey);
         ASSERT_EQ(der.size(), size_t(DER_EC_PRIVATE_KEY_SIZE));
         ASSERT_TRUE(der_read_ec_private_key(der.data(), uint32_t(der.size()), &key)) << i;
         expectSameKey(key, generated.get());
@@ -185,7 +160,7 @@ TEST(DerTest, ProjectVectorsAndOpenSslKeysParseAndRoundTrip) {
         ASSERT_TRUE(reread);
         EXPECT_EQ(EVP_PKEY_eq(reread.get(), generated.get()), 1);
 
-        const Bytes spki = encode(generated.get(), i2d_PUBKEY);
+        const Bytes spki = derOf(generated.get(), i2d_PUBKEY);
         ASSERT_TRUE(der_read_ec_public_key(spki.data(), uint32_t(spki.size()), x, y));
         EXPECT_EQ(bytesOf(x, 32), bytesOf(key.x, 32));
         EXPECT_EQ(bytesOf(y, 32), bytesOf(key.y, 32));
@@ -194,8 +169,8 @@ TEST(DerTest, ProjectVectorsAndOpenSslKeysParseAndRoundTrip) {
             sawShortKey = true;
             const Bytes point(der.begin() + 56, der.end());
             const Bytes shortened =
-                tlv(0x30, cat({fromHex("020101"), tlv(0x04, Bytes(key.d + 1, key.d + 32)),
-                               fromHex("a00a06082a8648ce3d030107"),
+                tlv(0x30, cat({hexBytes("020101"), tlv(0x04, Bytes(key.d + 1, key.d + 32)),
+                               hexBytes("a00a06082a8648ce3d030107"),
                                tlv(0xa1, tlv(0x03, cat({{0}, point})))}));
             ASSERT_TRUE(opensslPrivateKey(shortened));
             der_ec_key fromShort;
@@ -210,7 +185,7 @@ TEST(DerTest, ProjectVectorsAndOpenSslKeysParseAndRoundTrip) {
     for (int bits : {1024, 2048, 3072}) {
         const Pkey rsa(EVP_RSA_gen(static_cast<unsigned>(bits)));
         ASSERT_TRUE(rsa);
-        const Bytes der = encode(rsa.get(), i2d_PublicKey);
+        const Bytes der = derOf(rsa.get(), i2d_PublicKey);
         EXPECT_TRUE(der_is_rsa_public_key(der.data(), uint32_t(der.size()))) << bits;
         // The AK key's text is 540 hexadecimal characters: a 2048-bit key.
         if (bits == 2048) {
@@ -244,7 +219,7 @@ TEST(DerTest, SignatureIsOpenSslsDerOfRAndS) {
         const uint32_t length = der_write_ecdsa_signature(rs.data(), out);
         ASSERT_LE(length, uint32_t(DER_ECDSA_SIGNATURE_MAX));
         const unsigned char* cursor = out;
-        const std::unique_ptr<ECDSA_SIG, SigFree> sig(d2i_ECDSA_SIG(nullptr, &cursor, length));
+        const zel::test::EcdsaSig sig(d2i_ECDSA_SIG(nullptr, &cursor, length));
         ASSERT_TRUE(sig);
         EXPECT_EQ(cursor, out + length);
         EXPECT_EQ(bn32(ECDSA_SIG_get0_r(sig.get())), Bytes(rs.begin(), rs.begin() + 32));
@@ -258,16 +233,16 @@ TEST(DerTest, SignatureIsOpenSslsDerOfRAndS) {
 }
 
 TEST(DerTest, MalformedInputIsRefused) {
-    const Bytes p256 = fromHex("06082a8648ce3d030107");
-    const Bytes ecPublicKey = fromHex("06072a8648ce3d0201");
-    const Bytes device = fromHex(zel::vectors::kDeviceEcPrivateKey);
+    const Bytes p256 = hexBytes("06082a8648ce3d030107");
+    const Bytes ecPublicKey = hexBytes("06072a8648ce3d0201");
+    const Bytes device = hexBytes(zel::vectors::kDeviceEcPrivateKey);
     const Bytes d(device.begin() + 7, device.begin() + 39);
     const Bytes point(device.begin() + 56, device.end());
     Bytes compressed(point.begin(), point.begin() + 33);
     compressed[0] = uint8_t(2 + (point[64] & 1));
     Bytes offCurve = point;
     offCurve[64] ^= 1;
-    const Bytes version = fromHex("020101");
+    const Bytes version = hexBytes("020101");
     const auto priv = [&](const Bytes& versionField, const Bytes& secret, const Bytes& params,
                           const Bytes& publicKey) {
         return tlv(0x30, cat({versionField, secret, params, publicKey}));
@@ -278,17 +253,17 @@ TEST(DerTest, MalformedInputIsRefused) {
     const auto spki = [&](const Bytes& algorithm, const Bytes& key) {
         return tlv(0x30, cat({tlv(0x30, algorithm), key}));
     };
-    const Bytes cloud = fromHex(zel::vectors::kCloudEcPublicKey);
+    const Bytes cloud = hexBytes(zel::vectors::kCloudEcPublicKey);
     const auto rsa = [](const Bytes& n, const Bytes& e) {
         return tlv(0x30, cat({tlv(0x02, n), tlv(0x02, e)}));
     };
-    const Bytes n = fromHex("00c5113d"), e = fromHex("010001");
+    const Bytes n = hexBytes("00c5113d"), e = hexBytes("010001");
     const Bytes rsaKey = rsa(n, e);
-    const Bytes ak = fromHex(zel::vectors::kRsaPublicKey);
+    const Bytes ak = hexBytes(zel::vectors::kRsaPublicKey);
     Bytes hybrid = point;
     hybrid[0] = uint8_t(6 + (point[64] & 1));
-    const Bytes pkcs8 =
-        tlv(0x30, cat({fromHex("020100"), tlv(0x30, cat({ecPublicKey, p256})), tlv(0x04, device)}));
+    const Bytes pkcs8 = tlv(
+        0x30, cat({hexBytes("020100"), tlv(0x30, cat({ecPublicKey, p256})), tlv(0x04, device)}));
 
     struct Case {
         const char* what;
@@ -315,13 +290,13 @@ TEST(DerTest, MalformedInputIsRefused) {
          priv(version, secret, tlv(0xa0, cat({{0x06, 0x81, 0x08}, {p256.begin() + 2, p256.end()}})),
               publicKey),
          false, true},
-        {"version 0", Reader::kPrivate, priv(fromHex("020100"), secret, params, publicKey), false,
+        {"version 0", Reader::kPrivate, priv(hexBytes("020100"), secret, params, publicKey), false,
          true},
-        {"version 2", Reader::kPrivate, priv(fromHex("020102"), secret, params, publicKey), false,
+        {"version 2", Reader::kPrivate, priv(hexBytes("020102"), secret, params, publicKey), false,
          true},
         {"version not minimal", Reader::kPrivate,
-         priv(fromHex("02020001"), secret, params, publicKey), false, false},
-        {"version zero-length", Reader::kPrivate, priv(fromHex("0200"), secret, params, publicKey),
+         priv(hexBytes("02020001"), secret, params, publicKey), false, false},
+        {"version zero-length", Reader::kPrivate, priv(hexBytes("0200"), secret, params, publicKey),
          false, true},
         {"secret empty", Reader::kPrivate, priv(version, tlv(0x04, {}), params, publicKey), false,
          true},
@@ -332,7 +307,7 @@ TEST(DerTest, MalformedInputIsRefused) {
         {"curve absent", Reader::kPrivate, priv(version, secret, {}, publicKey), false, false},
         {"public key absent", Reader::kPrivate, priv(version, secret, params, {}), false, true},
         {"secp384r1", Reader::kPrivate,
-         priv(version, secret, tlv(0xa0, fromHex("06052b81040022")), publicKey), false, false},
+         priv(version, secret, tlv(0xa0, hexBytes("06052b81040022")), publicKey), false, false},
         {"curve OID then more", Reader::kPrivate,
          priv(version, secret, tlv(0xa0, cat({p256, {0x05, 0x00}})), publicKey), false, false},
         {"compressed point", Reader::kPrivate,
@@ -346,7 +321,7 @@ TEST(DerTest, MalformedInputIsRefused) {
         {"unused bits", Reader::kPrivate,
          priv(version, secret, params, tlv(0xa1, tlv(0x03, cat({{1}, point})))), false, false},
         {"a field after the key", Reader::kPrivate,
-         tlv(0x30, cat({version, secret, params, publicKey, fromHex("a2020500")})), false, false},
+         tlv(0x30, cat({version, secret, params, publicKey, hexBytes("a2020500")})), false, false},
 
         {"empty", Reader::kPublic, {}, false, false},
         {"long-form outer length", Reader::kPublic,
@@ -363,9 +338,9 @@ TEST(DerTest, MalformedInputIsRefused) {
          spki(cat({ecPublicKey, p256}), tlv(0x03, cat({{1}, point}))), false, false},
         {"curve absent", Reader::kPublic, spki(ecPublicKey, bits(point)), false, false},
         {"secp384r1", Reader::kPublic,
-         spki(cat({ecPublicKey, fromHex("06052b81040022")}), bits(point)), false, false},
+         spki(cat({ecPublicKey, hexBytes("06052b81040022")}), bits(point)), false, false},
         {"rsaEncryption", Reader::kPublic,
-         spki(cat({fromHex("06092a864886f70d010101"), p256}), bits(point)), false, false},
+         spki(cat({hexBytes("06092a864886f70d010101"), p256}), bits(point)), false, false},
         {"a field after the key", Reader::kPublic,
          tlv(0x30, cat({tlv(0x30, cat({ecPublicKey, p256})), bits(point), {0x05, 0x00}})), false,
          false},
@@ -373,11 +348,11 @@ TEST(DerTest, MalformedInputIsRefused) {
         {"empty", Reader::kRsa, {}, false, false},
         {"modulus zero", Reader::kRsa, rsa({0}, e), false, true},
         {"exponent zero", Reader::kRsa, rsa(n, {0}), false, true},
-        {"modulus negative", Reader::kRsa, rsa(fromHex("c5113d"), e), false, true},
+        {"modulus negative", Reader::kRsa, rsa(hexBytes("c5113d"), e), false, true},
         {"exponent negative", Reader::kRsa, rsa(n, {0xff}), false, true},
         {"modulus zero-length", Reader::kRsa, rsa({}, e), false, true},
-        {"modulus with a needless zero", Reader::kRsa, rsa(fromHex("00451f"), e), false, true},
-        {"modulus with a needless 0xff", Reader::kRsa, rsa(fromHex("ffc511"), e), false, true},
+        {"modulus with a needless zero", Reader::kRsa, rsa(hexBytes("00451f"), e), false, true},
+        {"modulus with a needless 0xff", Reader::kRsa, rsa(hexBytes("ffc511"), e), false, true},
         {"long-form INTEGER length", Reader::kRsa,
          tlv(0x30, cat({{0x02, 0x81, 0x04}, n, tlv(0x02, e)})), false, true},
         {"long-form length with a zero byte", Reader::kRsa,
@@ -407,12 +382,12 @@ TEST(DerTest, EveryTruncationAndATrailingByteAreRefused) {
         Reader reader;
         Bytes input;
     } inputs[] = {
-        {Reader::kPrivate, fromHex(zel::vectors::kDeviceEcPrivateKey)},
-        {Reader::kPrivate, encode(generated.get(), i2d_PrivateKey)},
-        {Reader::kPublic, fromHex(zel::vectors::kCloudEcPublicKey)},
-        {Reader::kPublic, encode(generated.get(), i2d_PUBKEY)},
-        {Reader::kRsa, fromHex(zel::vectors::kRsaPublicKey)},
-        {Reader::kRsa, encode(rsa.get(), i2d_PublicKey)},
+        {Reader::kPrivate, hexBytes(zel::vectors::kDeviceEcPrivateKey)},
+        {Reader::kPrivate, derOf(generated.get(), i2d_PrivateKey)},
+        {Reader::kPublic, hexBytes(zel::vectors::kCloudEcPublicKey)},
+        {Reader::kPublic, derOf(generated.get(), i2d_PUBKEY)},
+        {Reader::kRsa, hexBytes(zel::vectors::kRsaPublicKey)},
+        {Reader::kRsa, derOf(rsa.get(), i2d_PublicKey)},
     };
     for (const auto& [reader, input] : inputs) {
         ASSERT_TRUE(ours(reader, input));

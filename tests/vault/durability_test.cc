@@ -21,44 +21,35 @@
 
 #include "daemon_launcher.h"
 #include "output_capture.h"
+#include "store_fixture.h"
 #include "zel_tc_lib.h"
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
-constexpr int32_t kFailed = static_cast<int32_t>(TEEC_ERROR_GENERIC);
 
-class DurabilityTest : public testing::Test {
+// The store in a folder of its own, where a small filesystem can be mounted under it.
+class DurabilityTest : public StoreFixture {
   protected:
     void SetUp() override {
-        directory_ = testing::TempDir() + "zel_durable_XXXXXX";
-        ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-        setenv("ZEL_TEE_SOCKET", (directory_ + "/socket").c_str(), 1);
+        StoreFixture::SetUp();
+        mkdir(storeDirectory().c_str(), 0700);
+        storage_ = storeDirectory() + "/vault.db";
     }
     void TearDown() override {
         daemon_.reset();
-        unsetenv("ZEL_TEE_SOCKET");
         if (mounted_) umount2(storeDirectory().c_str(), MNT_DETACH);
         std::system(("rm -rf " + directory_).c_str());
+        StoreFixture::TearDown();
     }
     std::string storeDirectory() const { return directory_ + "/store"; }
-    std::string storage() const { return storeDirectory() + "/vault.db"; }
-    bool startDaemon(std::string& error) {
-        daemon_ = zel::vault::VaultDaemon::start(
-            {{}, directory_ + "/socket", false, {"--storage", storage()}}, error);
-        return daemon_ != nullptr;
-    }
     // A small tmpfs for the store; false (the test is then skipped) where mounting is not allowed.
     bool mountSmallFilesystem(const char* options) {
-        mkdir(storeDirectory().c_str(), 0700);
         if (geteuid() != 0 || mount("tmpfs", storeDirectory().c_str(), "tmpfs", 0, options) != 0)
             return false;
         mounted_ = true;
         return chmod(storeDirectory().c_str(), 0700) == 0;
     }
-
-    std::string directory_;
-    std::unique_ptr<zel::vault::VaultDaemon> daemon_;
     bool mounted_ = false;
 };
 
@@ -70,7 +61,6 @@ Bytes dataFor(int slot, int version) {
 }
 
 TEST_F(DurabilityTest, EveryAcknowledgedWriteSurvivesFiftyKills) {
-    mkdir(storeDirectory().c_str(), 0700);
     std::mt19937 random(20261123);
     // What the store must hold: per slot, the acknowledged content (nullopt: deleted or never).
     std::map<int, std::optional<Bytes>> acknowledged;
@@ -219,6 +209,26 @@ TEST_F(DurabilityTest, AFullFilesystemFailsWritesCleanlyAndLosesNothingAcknowled
     }
     const Bytes again = dataFor(31, 4);
     EXPECT_EQ(vault.zel_put(31, again.data(), static_cast<unsigned int>(again.size())), 0);
+}
+
+TEST_F(DurabilityTest, SecureProcessorStateSurvivesKillAndRestart) {
+    std::string error;
+    ASSERT_TRUE(startDaemon(error)) << error;
+    OutputCapture output;
+    std::vector<unsigned char> key(540);
+    ASSERT_EQ(DataPlaceHolder::fill_zel_publicKey(1, key.data(), 540), TEEC_SUCCESS);
+    CaZelInterfaceSp secureProcessor(zel_test_a);
+    ASSERT_EQ(secureProcessor.zel_akProvision(key.data(), 540), 0);
+    daemon_->kill();
+
+    ASSERT_TRUE(startDaemon(error)) << error;
+    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), 0);
+    ASSERT_EQ(secureProcessor.zel_removeAkKeys(), 0);
+    ASSERT_TRUE(daemon_->stop());
+
+    ASSERT_TRUE(startDaemon(error)) << error;
+    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(),
+              static_cast<int32_t>(TEEC_ERROR_ITEM_NOT_FOUND));
 }
 
 }  // namespace

@@ -122,23 +122,6 @@ TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
     EXPECT_EQ(control.setSecureProcessor(99, Bytes(4)), TEEC_ERROR_BAD_PARAMETERS);
 }
 
-TEST_F(SecureProcessorTaTest, FirmwareInformationIsTheStoredWordsUnderBothIds) {
-    std::vector<unsigned int> info(10, 0xAAAAAAAA);
-    ASSERT_EQ(secureProcessor.zel_getFWInfo(info.data(), 10), 0);
-    EXPECT_EQ(info, (std::vector<unsigned int>{1, 0, 2, 7, 1, 0, 0, 0, 0, 0}));
-
-    set(SP_FIRMWARE_WORDS, {0xff, 0xff, 0xff, 0xff, 0x2a, 0, 0, 0});
-    std::vector<unsigned int> two(10, 0);
-    ASSERT_EQ(secureProcessor.ze_getFWInfo(two.data(), 10), 0);
-    EXPECT_EQ(two[0], 0xFFFFFFFFu);
-    EXPECT_EQ(two[1], 42u);
-    EXPECT_EQ(two[2], 0u);
-
-    set(SP_FIRMWARE_WORDS, {});
-    EXPECT_EQ(secureProcessor.zel_getFWInfo(info.data(), 10),
-              static_cast<int32_t>(TEEC_ERROR_NO_DATA));
-}
-
 TEST_F(SecureProcessorTaTest, PlainCommandsTakeNoRequestAndUnknownIdsAreNotSupported) {
     EXPECT_EQ(secureProcessor.zel_getInfo(), 0);
     EXPECT_EQ(secureProcessor.zel_getAppInfo(), 0);

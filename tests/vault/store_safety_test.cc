@@ -102,7 +102,7 @@ TEST_F(StoreSafetyTest, StoreOpenToOthersOrOfAnotherUserIsRefusedWithTheReason) 
     EXPECT_EQ(refusal(), "");
 }
 
-TEST_F(StoreSafetyTest, AnotherProgramsDatabaseIsRefusedAndLeftUntouched) {
+TEST_F(StoreSafetyTest, AnotherProgramsDatabaseOrAFileOfGarbageIsRefusedAndLeftUntouched) {
     sqlite3* db = nullptr;
     ASSERT_EQ(sqlite3_open(storage_.c_str(), &db), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE notes (text TEXT); INSERT INTO notes VALUES ('mine');",
@@ -116,6 +116,11 @@ TEST_F(StoreSafetyTest, AnotherProgramsDatabaseIsRefusedAndLeftUntouched) {
     EXPECT_EQ(readFile(storage_), before);
     struct stat info {};
     EXPECT_NE(stat((storage_ + "-wal").c_str(), &info), 0) << "switched to WAL";
+
+    // Nor is a file that is no database at all.
+    std::ofstream(storage_, std::ios::trunc) << std::string(4096, '\x5a');
+    EXPECT_NE(refusal().find("cannot open the vault store"), std::string::npos);
+    EXPECT_EQ(readFile(storage_), Bytes(4096, 0x5a));
 }
 
 TEST_F(StoreSafetyTest, MalformedRowsAreBadStateAndTheDaemonServesOn) {

@@ -12,22 +12,22 @@
 #include <memory>
 #include <optional>
 
-#include "bench_command.h"
-#include "catalogue.h"
-#include "fuzz_commands.h"
-#include "helper_commands.h"
-#include "interruption.h"
-#include "last_failed.h"
-#include "number_arg.h"
-#include "report_file.h"
-#include "reports.h"
-#include "results_stream.h"
-#include "run_identity.h"
-#include "step_runner.h"
-#include "tee_names.h"
-#include "tee_target.h"
-#include "terminal.h"
-#include "uuid_arg.h"
+#include "args/number.h"
+#include "args/tee_names.h"
+#include "args/uuid.h"
+#include "bench/command.h"
+#include "fuzz/commands.h"
+#include "helper/commands.h"
+#include "plan/catalogue.h"
+#include "plan/interruption.h"
+#include "plan/run_identity.h"
+#include "plan/step_runner.h"
+#include "reports/last_failed.h"
+#include "reports/report_file.h"
+#include "reports/reports.h"
+#include "reports/results_stream.h"
+#include "reports/terminal.h"
+#include "tee/target.h"
 
 namespace {
 

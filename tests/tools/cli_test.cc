@@ -1,0 +1,219 @@
+// zel-tc as a user runs it: its stdout is the library's lines only, its verdicts and exit code
+// follow the steps' results.
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "interface/zel_ta_ids.h"
+#include "output_capture.h"
+#include "vault_fixture.h"
+#include "zel_tc_lib.h"
+#include "zel_tc_run.h"
+
+namespace {
+
+TEST(ZelTcCliTest, HelpersAnswerOnStdout) {
+    CliRun run = zelTc("helper zelResultToStr 6 -11");
+    EXPECT_EQ(run.exitCode, 0);
+    EXPECT_EQ(run.out,
+              (Lines{"ZEL result is:", "\t\tZEL: 6", "\t\tFirmware: -IRDO_INVALID_PARAMETER"}));
+    run = zelTc("helper GetSHA256Hash 616263");  // "abc", FIPS 180-2
+    EXPECT_EQ(run.out, (Lines{"ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"}));
+    EXPECT_EQ(zelTc("helper base64_encode 666f6f62").out, (Lines{"Zm9vYg=="}));
+}
+
+TEST(ZelTcCliTest, ListShowsEveryStepWithItsNumber) {
+    const CliRun run = zelTc("list");
+    EXPECT_EQ(run.exitCode, 0);
+    // A header; raw suites, entry points, the two commands without a scenario, 20 general and 13
+    // secure-processor scenarios; then the helpers.
+    ASSERT_EQ(run.out.size(), 1u + 42u + 2u + 3u);
+    for (const char* row :
+         {" 504  bist N (3-17)", "  45  zel_getSlotInfo              0x2D       any",
+          "  37  zel_compareData              0x25       2", "  44  zel_removeAkKeys",
+          " 506  test_process_inspection      0x20", "  18  ze_updateFW", "      zelResultToStr"}) {
+        EXPECT_EQ(std::count_if(run.out.begin(), run.out.end(),
+                                [&](const std::string& line) { return line.rfind(row, 0) == 0; }),
+                  1)
+            << row;
+    }
+}
+
+using ZelTcAgainstRunningDaemonTest = VaultFixture;
+
+TEST_F(ZelTcAgainstRunningDaemonTest, ScenariosTakeTheirDataTypeIndexAndUuid) {
+    const std::string socket = " --socket " + daemon->socketPath();
+    CliRun run = zelTc("run" + socket + " zel_put --index 7 --data-type 0");
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(Lines(run.out.begin(), run.out.begin() + 6),
+              (Lines{"CA Manager created", "CA Manager SendDataToZel: 0", "CaManager zel_put",
+                     "Data successfully generated", "index: 7", "uDataSize: 241"}));
+
+    run = zelTc("run" + socket + " get 45 --index 7");  // by short name and by number
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(std::find(run.out.begin(), run.out.end(), "status: 01"), run.out.end());
+    EXPECT_NE(run.err.find("PASS 2 zel_get"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("PASS 45 zel_getSlotInfo"), std::string::npos) << run.err;
+
+    // Another TA's UUID: the vault's commands are not there.
+    run = zelTc("run" + socket + " zel_openSession --uuid zel_test_a");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(zelTc("run" + socket + " zel_get --uuid not-a-uuid").exitCode, 2);
+}
+
+// The plan, the reports and the isolation of steps, against a daemon the test controls.
+class ZelTcReportsTest : public VaultFixture {
+  protected:
+    void SetUp() override {
+        VaultFixture::SetUp();
+        socket = " --socket " + daemon->socketPath();
+        report = testing::TempDir() + "zel_tc_report_" + std::to_string(getpid());
+    }
+    void TearDown() override {
+        unlink((report + ".xml").c_str());
+        unlink((report + ".json").c_str());
+        VaultFixture::TearDown();
+    }
+    // What Python's XML parser reads from the JUnit file: tests, failures, errors, then the
+    // names of the failed test cases.
+    std::string junitSummary() {
+        const std::string script =
+            "import sys, xml.etree.ElementTree as E\n"
+            "s = E.parse(sys.argv[1]).getroot().find('testsuite')\n"
+            "cases = s.findall('testcase')\n"
+            "assert len(cases) == int(s.get('tests'))\n"
+            "bad = [c.get('name') for c in cases if c.find('failure') is not None or "
+            "c.find('error') is not None]\n"
+            "print(s.get('tests'), s.get('failures'), s.get('errors'), *bad)\n";
+        const std::string command = "python3 -c \"" + script + "\" " + report + ".xml";
+        FILE* pipe = popen(command.c_str(), "r");
+        char line[512] = {};
+        const bool read = fgets(line, sizeof line, pipe) != nullptr;
+        pclose(pipe);
+        std::string text = read ? line : "";
+        if (!text.empty() && text.back() == '\n') text.pop_back();
+        return text;
+    }
+
+    std::string socket, report;
+};
+
+TEST_F(ZelTcReportsTest, PlanPassesWithExpectedFailuresAndFailsWithAnInjectedOne) {
+    CliRun run =
+        zelTc("run --all" + socket + " --junit " + report + ".xml --json " + report + ".json");
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_NE(run.err.find("PASS 2 zel_get result 0xFFFF0000 TEEC_ERROR_GENERIC (expected: the "
+                           "slot was deleted)"),
+              std::string::npos)
+        << run.err;
+    EXPECT_NE(run.err.find("61 passed, 0 failed"), std::string::npos) << run.err;
+    EXPECT_EQ(junitSummary(), "61 0 0");
+    std::ifstream json(report + ".json");
+    std::stringstream jsonText;
+    jsonText << json.rdbuf();
+    EXPECT_NE(jsonText.str().find("\"passed\": 61,"), std::string::npos);
+    EXPECT_NE(jsonText.str().find("\"failed\": 0,"), std::string::npos);
+
+    ASSERT_EQ(control.reset(), TEEC_SUCCESS);
+    ASSERT_EQ(control.failInvocations(zel_test, 0x23, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    run = zelTc("run --all" + socket + " --junit " + report + ".xml");
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(run.err.find("FAIL 35 zel_aesEncrypt result 0xFFFF0000"), std::string::npos)
+        << run.err;
+    EXPECT_NE(run.err.find("60 passed, 1 failed"), std::string::npos) << run.err;
+    EXPECT_EQ(junitSummary(), "61 1 0 zel_aesEncrypt.data2.index2");
+}
+
+TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
+    const std::string vconf = report + ".vconf", sysinfo = report + ".sysinfo";
+    std::ofstream(vconf) << "db/comss/serialnumber=R3CT 0042\n";
+    std::ofstream(sysinfo) << "model=ZV-1\nmanufacturer=Tessaril\n";
+    const std::string environment = "ZEL_VCONF_FILE=" + vconf + " ZEL_SYSTEM_INFO_FILE=" + sysinfo;
+    ASSERT_EQ(control.setSecureProcessor(3, {3, 0, 0, 0, 0xEF, 0xBE, 0xAD, 0xDE}), TEEC_SUCCESS);
+
+    // Without a configuration store nor system information: unavailable, not fatal.
+    CliRun run = zelTc("run process" + socket + " --json " + report + ".json");
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    // The library's lines of the queries stay out of stdout: the step's four lines only.
+    EXPECT_EQ(run.out.size(), 4u);
+    EXPECT_NE(run.err.find("zel-tc: identity device.serial=unavailable device.model=unavailable"),
+              std::string::npos)
+        << run.err;
+    run = zelTc("run process" + socket + " --fw-versions --junit " + report + ".xml", environment);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out.size(), 4u);
+    EXPECT_NE(run.err.find("zel-tc: identity device.serial=R3CT 0042 device.model=ZV-1 "
+                           "device.manufacturer=Tessaril device.platform_name=unavailable"),
+              std::string::npos)
+        << run.err;
+    std::stringstream json, xml;
+    json << std::ifstream(report + ".json").rdbuf();
+    xml << std::ifstream(report + ".xml").rdbuf();
+    const nlohmann::json about = nlohmann::json::parse(json.str())["run"];
+    EXPECT_EQ(about["platform"], "host");
+    EXPECT_EQ(about["tee"], daemon->socketPath());
+    EXPECT_EQ(about["identity"]["device.serial"], "unavailable");
+    EXPECT_EQ(about["identity"]["ta.firmware_words"], "0x00000003,0xDEADBEEF");
+    for (const char* property :
+         {"<property name=\"device.serial\" value=\"R3CT 0042\"",
+          "<property name=\"device.build_date\" value=\"unavailable\"",
+          "<property name=\"ta.firmware_words\" value=\"0x00000003,0xDEADBEEF\"",
+          "<property name=\"ta.system_version\" value=\"1.0.2\"",
+          "<property name=\"ta.app_version\" value=\"7.1\""})
+        EXPECT_NE(xml.str().find(property), std::string::npos) << property << "\n" << xml.str();
+    unlink(vconf.c_str());
+    unlink(sysinfo.c_str());
+}
+
+TEST_F(ZelTcReportsTest, PatternsRepeatAndStopOnFailure) {
+    CliRun run = zelTc("run 'test_*' --repeat 2" + socket);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    for (const char* verdict :
+         {"PASS 505 test_lifetime result", "PASS 506 test_process_inspection result",
+          "PASS 507 test_get_info result", "PASS 507 test_get_info (round 2) result"})
+        EXPECT_NE(run.err.find(verdict), std::string::npos) << verdict << "\n" << run.err;
+    EXPECT_NE(run.err.find("6 passed, 0 failed"), std::string::npos) << run.err;
+
+    ASSERT_EQ(control.failInvocations(zel_test, 0, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    run = zelTc("run test_lifetime process --stop-on-failure" + socket);
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.err.find("503 process"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("0 passed, 1 failed"), std::string::npos) << run.err;
+}
+
+TEST_F(ZelTcReportsTest, HungStepIsKilledNamedAndTheRunGoesOn) {
+    // The stalled TA holds its lock, so the next step talks to the other TA.
+    ASSERT_EQ(control.stallInvocations(zel_test, 0, 1, 5000), TEEC_SUCCESS);
+    const CliRun run = zelTc("run test_lifetime test_process_inspection --timeout 1 --junit " +
+                             report + ".xml" + socket);
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_NE(run.err.find("HUNG 505 test_lifetime result hung, killed after 1 s"),
+              std::string::npos)
+        << run.err;
+    EXPECT_NE(run.err.find("PASS 506 test_process_inspection"), std::string::npos) << run.err;
+    EXPECT_EQ(junitSummary(), "2 0 1 test_lifetime");
+}
+
+TEST_F(ZelTcReportsTest, StdoutIsExactlyWhatTheLibraryPrints) {
+    Lines direct;
+    {
+        setenv("ZEL_TEE_SOCKET", daemon->socketPath().c_str(), 1);
+        OutputCapture output;
+        EXPECT_EQ(CaManager(1, 0, zel_test, 3).SendDataToZel(), 0);
+        EXPECT_EQ(CaManager(1, 2, zel_test, 3).SendDataToZel(), 0);
+        direct = output.lines();
+    }
+    const CliRun run = zelTc("run zel_put zel_get --data-type 1 --index 3" + socket);
+    EXPECT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, direct);
+}
+
+}  // namespace
