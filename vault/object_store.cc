@@ -38,7 +38,7 @@ struct DigestContextFree {
 };
 
 // A store is this daemon's when SQLite's application_id holds this stamp ("ZELV"); user_version
-// is the layout below. Layout 1 held the simulated TAs' own tables.
+// is the layout below. Layout 1 held the former C++ TAs' own tables.
 constexpr int32_t kStamp = 0x5A454C56;
 constexpr int32_t kLayout = 2;
 

@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
     using namespace zel::vault;
     namespace tee = zel::tee;
     namespace wire = zel::wire;
-    CLI::App app{"zel-vaultd: the host TEE with the simulated vault TAs"};
+    CLI::App app{"zel-vaultd: the host TEE, hosting the vault's GlobalPlatform TAs"};
     std::string socketPath = zel::wire::defaultSocketPath();
     bool control = false;
     int readyFd = -1;
