@@ -66,7 +66,7 @@ int memfd(const uint8_t* fill, size_t fillSize, size_t size, bool seal) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Daemon& d = daemon();
-    d.storage->clear();
+    d.store->clear();
     const int before = openDescriptors();
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) abort();
