@@ -339,6 +339,23 @@ Verdict deriveFrom(const Operation& operation, const TEE_Attribute& x, const TEE
     return derive(operation, peerX, peerY, derived);
 }
 
+// A cipher's or an AE operation's update: whole blocks out, the rest held back. Panics on misuse,
+// so it holds no C++ object of its own across the checks.
+TEE_Result blockStreamUpdate(uint32_t operationClass, TEE_OperationHandle operation,
+                             const void* srcData, size_t srcLen, void* destData, size_t* destLen) {
+    Operation& target = operationOf(operation);
+    if (target.operationClass != operationClass || !target.initialized || !destLen ||
+        (!srcData && srcLen))
+        TEE_Panic(kMisuse);
+    const size_t needed = outputOf(target, srcLen, false);
+    if (*destLen < needed) {
+        *destLen = needed;
+        return TEE_ERROR_SHORT_BUFFER;
+    }
+    if (!destData && needed) TEE_Panic(kMisuse);
+    return settle(blockUpdate(target, srcData, srcLen, destData, destLen, false));
+}
+
 }  // namespace
 }  // namespace zel::tee
 
@@ -427,17 +444,7 @@ void TEE_CipherInit(TEE_OperationHandle operation, const void* IV, size_t IVLen)
 
 TEE_Result TEE_CipherUpdate(TEE_OperationHandle operation, const void* srcData, size_t srcLen,
                             void* destData, size_t* destLen) {
-    Operation& target = operationOf(operation);
-    if (target.operationClass != TEE_OPERATION_CIPHER || !target.initialized || !destLen ||
-        (!srcData && srcLen))
-        TEE_Panic(kMisuse);
-    const size_t needed = outputOf(target, srcLen, false);
-    if (*destLen < needed) {
-        *destLen = needed;
-        return TEE_ERROR_SHORT_BUFFER;
-    }
-    if (!destData && needed) TEE_Panic(kMisuse);
-    return settle(blockUpdate(target, srcData, srcLen, destData, destLen, false));
+    return blockStreamUpdate(TEE_OPERATION_CIPHER, operation, srcData, srcLen, destData, destLen);
 }
 
 TEE_Result TEE_CipherDoFinal(TEE_OperationHandle operation, const void* srcData, size_t srcLen,
@@ -530,17 +537,7 @@ void TEE_AEUpdateAAD(TEE_OperationHandle operation, const void* AADdata, size_t 
 
 TEE_Result TEE_AEUpdate(TEE_OperationHandle operation, const void* srcData, size_t srcLen,
                         void* destData, size_t* destLen) {
-    Operation& target = operationOf(operation);
-    if (target.operationClass != TEE_OPERATION_AE || !target.initialized || !destLen ||
-        (!srcData && srcLen))
-        TEE_Panic(kMisuse);
-    const size_t needed = outputOf(target, srcLen, false);
-    if (*destLen < needed) {
-        *destLen = needed;
-        return TEE_ERROR_SHORT_BUFFER;
-    }
-    if (!destData && needed) TEE_Panic(kMisuse);
-    return settle(blockUpdate(target, srcData, srcLen, destData, destLen, false));
+    return blockStreamUpdate(TEE_OPERATION_AE, operation, srcData, srcLen, destData, destLen);
 }
 
 TEE_Result TEE_AEEncryptFinal(TEE_OperationHandle operation, const void* srcData, size_t srcLen,

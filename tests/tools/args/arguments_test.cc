@@ -3,12 +3,12 @@
 
 #include <cstring>
 
-#include "fuzz/table.h"
-#include "interface/zel_ta_ids.h"
 #include "args/number.h"
 #include "args/tee_names.h"
-#include "teec_wire.h"
 #include "args/uuid.h"
+#include "fuzz/table.h"
+#include "interface/zel_ta_ids.h"
+#include "teec_wire.h"
 
 namespace {
 
