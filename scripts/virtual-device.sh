@@ -6,6 +6,8 @@
 #
 #   bash scripts/virtual-device.sh [--out DIR] [--timeout S]           the whole plan
 #   bash scripts/virtual-device.sh [--out DIR] [--timeout S] -- ARGS   zel-tc ARGS instead
+#   ... -- ARGS --then ARGS2 ...       several zel-tc runs in one boot, one TEE state; the exit
+#                                      status is the first failing run's
 #
 # Reports go to the device's /results (zel-tc's working folder there): every file written there
 # comes back to DIR (default build-vdev/results), with console.log (the normal world) and
@@ -298,13 +300,21 @@ make_rootfs() {
     gzip -n >"$top/rootfs.cpio.gz"
 }
 
-# The job: zel-tc and its arguments, one per line, in a second archive appended to the first
-# (the kernel unpacks both), so that a new job does not remake the root.
+# The job: /zel/args.N for the Nth zel-tc run, its arguments one per line, in a second archive
+# appended to the first (the kernel unpacks both), so that a new job does not remake the root.
 make_job() {
-  local job=$top/job
+  local job=$top/job run=1 arg
   rm -rf "$job"
   mkdir -p "$job/zel"
-  printf '%s\n' "${zel_tc_args[@]}" >"$job/zel/args"
+  : >"$job/zel/args.$run"
+  for arg in "${zel_tc_args[@]}"; do
+    if [ "$arg" = --then ]; then
+      run=$((run + 1))
+      : >"$job/zel/args.$run"
+    else
+      printf '%s\n' "$arg" >>"$job/zel/args.$run"
+    fi
+  done
   (cd "$job" && find . -print0 | LC_ALL=C sort -z | cpio --null -o -H newc --quiet) | gzip -n |
     cat "$top/rootfs.cpio.gz" - >"$top/boot/initrd.cpio.gz"
 }
@@ -333,11 +343,14 @@ files, name = {}, None
 for line in open(console, errors="replace"):
     line = line.rstrip("\n")
     if line.startswith("zel-vdev-file "):
-        name = os.path.basename(line.split(" ", 1)[1])
+        name = os.path.normpath(line.split(" ", 1)[1])
+        if name.startswith(("..", "/")):
+            sys.exit(f"virtual-device: the device named a file outside its results: {name}")
         files[name] = []
     elif line.startswith("zel-vdev-data ") and name:
         files[name].append(line.split(" ", 1)[1])
 for name, chunks in files.items():
+    os.makedirs(os.path.dirname(os.path.join(out, name)), exist_ok=True)
     with open(os.path.join(out, name), "wb") as f:
         f.write(base64.b64decode("".join(chunks)))
     print(f"virtual-device: brought back {name}", file=sys.stderr)
@@ -365,7 +378,8 @@ say "ready in $(since "$prepared") s; booting"
 booted=$(now)
 boot_status=0
 boot || boot_status=$?
-rm -f "$out"/*.xml "$out"/*.json
+# What an earlier run brought back is not this run's.
+find "$out" -mindepth 1 ! -name console.log ! -name secure.log -exec rm -rf {} +
 bring_back
 exit_line=$(grep -a '^zel-vdev: zel-tc exited ' "$out/console.log" | tail -n1 || true)
 if [ -z "$exit_line" ]; then
@@ -375,7 +389,7 @@ if [ -z "$exit_line" ]; then
 fi
 status=${exit_line##* }
 ready=$(sed -n 's/^zel-vdev: ready after \(.*\) s$/\1/p' "$out/console.log" | head -n1)
-plan=$(sed -n 's/^zel-vdev: zel-tc took \(.*\) s$/\1/p' "$out/console.log" | head -n1)
+plan=$(sed -n 's/^zel-vdev: zel-tc took \(.*\) s, exit .*$/\1/p' "$out/console.log" | paste -sd+)
 say "boot to the TEE ready ${ready:-?} s, zel-tc ${plan:-?} s, all ${SECONDS} s of this run" \
   "(QEMU $(since "$booted") s); zel-tc exited $status; logs and reports in $out"
 exit "$status"
