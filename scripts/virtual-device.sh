@@ -149,6 +149,7 @@ build_tfa() {
     return 1
   }
   mv "$top/tf-a-src/tree" "$tfa"
+  echo "$version" >"$tfa/.version"
   say "building TF-A $kTfaUpstream"
   # The FIP packs the BL32 and BL33 images of the boot folder; at boot, TF-A's QEMU platform
   # loads the same images by semihosting.
@@ -334,6 +335,18 @@ boot() {
   return $status
 }
 
+# What this device is made of, package by package, for the report.
+versions() {
+  local file
+  {
+    echo "qemu-system-arm $(dpkg-query -W -f='${Version}' qemu-system-arm)"
+    echo "arm-trusted-firmware (source, built here) $(cat "$top/tf-a/.version")"
+    for file in "$top"/pkg/*/.version-* "$top"/armhf/.version-*; do
+      echo "${file##*/.version-} $(cat "$file")"
+    done
+  } >"$out/versions.txt"
+}
+
 # Brings back the files the job left in /results, written to the console by the init.
 bring_back() {
   python3 - "$out" "$out/console.log" <<'PY'
@@ -380,6 +393,7 @@ boot_status=0
 boot || boot_status=$?
 # What an earlier run brought back is not this run's.
 find "$out" -mindepth 1 ! -name console.log ! -name secure.log -exec rm -rf {} +
+versions
 bring_back
 exit_line=$(grep -a '^zel-vdev: zel-tc exited ' "$out/console.log" | tail -n1 || true)
 if [ -z "$exit_line" ]; then
