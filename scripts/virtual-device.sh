@@ -6,8 +6,14 @@
 #
 #   bash scripts/virtual-device.sh [--out DIR] [--timeout S]           the whole plan
 #   bash scripts/virtual-device.sh [--out DIR] [--timeout S] -- ARGS   zel-tc ARGS instead
-#   ... -- ARGS --then ARGS2 ...       several zel-tc runs in one boot, one TEE state; the exit
-#                                      status is the first failing run's
+#   ... -- ARGS --then ARGS2 ...       several runs in one boot, one TEE state; the exit status
+#                                      is the first failing run's
+#   ... --add PATH -- /opt/zel/NAME ARGS   PATH (a file or folder; repeatable) copied to the
+#                                      device's /opt/zel; a run that starts with / runs that
+#                                      program instead of zel-tc (a harness of one's own)
+#
+# The library, its headers and CMake package as built for the device are in
+# build-vdev/device-root/usr, for building such a harness (docs/virtual-device.md).
 #
 # Reports go to the device's /results (zel-tc's working folder there): every file written there
 # comes back to DIR (default build-vdev/results), with console.log (the normal world) and
@@ -32,12 +38,15 @@ top=$PWD/build-vdev
 out=$top/results
 timeout=900
 zel_tc_args=()
+added=()
 while [ $# -gt 0 ]; do
   case $1 in
     --out) out=$(mkdir -p "$2" && cd "$2" && pwd); shift 2 ;;
     --timeout) timeout=$2; shift 2 ;;
+    --add) added+=("$(realpath "$2")"); shift 2 ;;
     --) shift; zel_tc_args=("$@"); break ;;
-    *) echo "usage: $0 [--out DIR] [--timeout S] [-- ZEL_TC_ARGS...]" >&2; exit 2 ;;
+    *) echo "usage: $0 [--out DIR] [--timeout S] [--add PATH]... [-- ARGS [--then ARGS]...]" >&2
+       exit 2 ;;
   esac
 done
 [ ${#zel_tc_args[@]} -gt 0 ] ||
@@ -257,6 +266,7 @@ build_device() {
   rm -rf "$top/device-root"
   DESTDIR=$top/device-root cmake --install "$device" --component runtime >/dev/null
   DESTDIR=$top/device-root cmake --install "$device" --component tools >/dev/null
+  DESTDIR=$top/device-root cmake --install "$device" --component dev >/dev/null
 }
 
 # Copies into the root what PROGRAM needs, found in the given trees, library by library.
@@ -306,7 +316,8 @@ make_rootfs() {
 make_job() {
   local job=$top/job run=1 arg
   rm -rf "$job"
-  mkdir -p "$job/zel"
+  mkdir -p "$job/zel" "$job/opt/zel"
+  [ ${#added[@]} -eq 0 ] || cp -r "${added[@]}" "$job/opt/zel/"
   : >"$job/zel/args.$run"
   for arg in "${zel_tc_args[@]}"; do
     if [ "$arg" = --then ]; then
@@ -395,15 +406,15 @@ boot || boot_status=$?
 find "$out" -mindepth 1 ! -name console.log ! -name secure.log -exec rm -rf {} +
 versions
 bring_back
-exit_line=$(grep -a '^zel-vdev: zel-tc exited ' "$out/console.log" | tail -n1 || true)
+exit_line=$(grep -a '^zel-vdev: the job exited ' "$out/console.log" | tail -n1 || true)
 if [ -z "$exit_line" ]; then
   [ "$boot_status" -eq 124 ] && say "the device did not end within $timeout s"
-  say "zel-tc did not run to its end on the device; see $out/console.log and $out/secure.log"
+  say "the job did not run to its end on the device; see $out/console.log and $out/secure.log"
   exit $kNoBoot
 fi
 status=${exit_line##* }
 ready=$(sed -n 's/^zel-vdev: ready after \(.*\) s$/\1/p' "$out/console.log" | head -n1)
-plan=$(sed -n 's/^zel-vdev: zel-tc took \(.*\) s, exit .*$/\1/p' "$out/console.log" | paste -sd+)
-say "boot to the TEE ready ${ready:-?} s, zel-tc ${plan:-?} s, all ${SECONDS} s of this run" \
-  "(QEMU $(since "$booted") s); zel-tc exited $status; logs and reports in $out"
+runs=$(sed -n 's/^zel-vdev: .* took \(.*\) s, exit .*$/\1/p' "$out/console.log" | paste -sd+)
+say "boot to the TEE ready ${ready:-?} s, the job ${runs:-?} s, all ${SECONDS} s of this run" \
+  "(QEMU $(since "$booted") s); exit $status; logs and reports in $out"
 exit "$status"

@@ -32,7 +32,8 @@ int32_t ta_read_int(struct ta_request* request);
 /* A Uint length field and the Blob of exactly that length after it: the blob's bytes in the copy
  * (valid until close) and its length; NULL with length 0 (and the request malformed) otherwise. */
 const uint8_t* ta_read_blob(struct ta_request* request, uint32_t* length);
-/* Every field read was there and nothing follows them. */
+/* Every field read was there and nothing follows them. Only for a request with fields: a block the
+ * client wrote nothing into holds whatever it held before. */
 bool ta_request_complete(const struct ta_request* request);
 
 /* Reply fields; TEE_ERROR_SHORT_BUFFER when one does not fit the block. */

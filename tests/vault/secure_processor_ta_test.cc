@@ -122,7 +122,7 @@ TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
     EXPECT_EQ(control.setSecureProcessor(99, Bytes(4)), TEEC_ERROR_BAD_PARAMETERS);
 }
 
-TEST_F(SecureProcessorTaTest, PlainCommandsTakeNoRequestAndUnknownIdsAreNotSupported) {
+TEST_F(SecureProcessorTaTest, PlainCommandsIgnoreTheBlockAndUnknownIdsAreNotSupported) {
     EXPECT_EQ(secureProcessor.zel_getInfo(), 0);
     EXPECT_EQ(secureProcessor.zel_getAppInfo(), 0);
     // The vault TA's numbers are not the secure processor's.
@@ -130,10 +130,11 @@ TEST_F(SecureProcessorTaTest, PlainCommandsTakeNoRequestAndUnknownIdsAreNotSuppo
     ASSERT_TRUE(client.Open(zel_test_a));
     EXPECT_EQ(client.InvokeCommand(0x00), TEEC_ERROR_NOT_SUPPORTED);
     EXPECT_EQ(client.InvokeCommand(0x21), TEEC_ERROR_NOT_SUPPORTED);
-    // A plain command with fields in its block is malformed.
+    // A device's TEE client may hand out a block that still holds an earlier message: a plain
+    // command answers as if the block were empty.
     auto* memory = static_cast<TEEC_SharedMemory*>(client.getSHMPtr());
     zel::wsm::Writer(static_cast<uint8_t*>(memory->buffer), 8192).putInt(1);
-    EXPECT_EQ(client.InvokeCommand(0x20), TEEC_ERROR_BAD_FORMAT);
+    EXPECT_EQ(client.InvokeCommand(0x20), TEEC_SUCCESS);
 }
 
 }  // namespace
