@@ -75,7 +75,7 @@ install_tools() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends \
       "${missing[@]}" || return 1
   fi
-  bash scripts/armhf.sh --install-only >&2 || return 1
+  bash scripts/install-deps.sh >&2 && bash scripts/armhf.sh --install-only >&2 || return 1
   command -v qemu-system-aarch64 >/dev/null && command -v aarch64-linux-gnu-gcc >/dev/null &&
     [ -e /usr/share/keyrings/debian-archive-trixie-automatic.gpg ]
 }
