@@ -7,8 +7,8 @@
 #
 #   bash scripts/tee-diff.sh [--runs N] [--seed N]     (default 100 fuzz executions, seed 1)
 #
-# The device's reports and logs are left in build-vdev/diff/, the host's in build-vdev/diff/host-1
-# and host-2. Exit status: 0 the TEEs agree; 1 they differ, or a run failed; 3 the virtual device
+# The device's reports and logs are left in build-vdev/diff/device, the host's in
+# build-vdev/diff/host-1 and host-2. Exit status: 0 the TEEs agree; 1 they differ, or a run failed; 3 the virtual device
 # could not be had on this machine (scripts/virtual-device.sh's 3).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -26,10 +26,9 @@ say() { echo "tee-diff: $*" >&2; }
 
 # The same two zel-tc runs on every TEE, their files in DIR. OP-TEE in QEMU answers a storage
 # command in tenths of a second: --timeout leaves it room.
-plan_args() { echo run --all --json "$1/plan.json"; }
-fuzz_args() {
-  echo fuzz --seed "$seed" --runs "$runs" --timeout 30 --transcript "$1/fuzz.txt" \
-    --out "$1/findings"
+runs_in() {  # DIR -> sets plan and fuzz
+  plan=(run --all --json "$1/plan.json")
+  fuzz=(fuzz --seed "$seed" --runs "$runs" --timeout 30 --transcript "$1/fuzz.txt" --out "$1/findings")
 }
 
 bash scripts/install-deps.sh
@@ -44,8 +43,7 @@ for n in 1 2; do
   mkdir -m 700 -p "$host/tee"
   # Without the control TA, as on the device.
   ./build-ci/bin/zel-tc vault start --no-control --socket "$host/tee/socket" >/dev/null
-  read -ra plan <<<"$(plan_args "$host")"
-  read -ra fuzz <<<"$(fuzz_args "$host")"
+  runs_in "$host"
   status=0
   ./build-ci/bin/zel-tc "${plan[@]}" --socket "$host/tee/socket" >"$host/plan.log" 2>&1 &&
     ./build-ci/bin/zel-tc "${fuzz[@]}" --socket "$host/tee/socket" >"$host/fuzz.log" 2>&1 ||
@@ -54,15 +52,18 @@ for n in 1 2; do
   [ "$status" -eq 0 ] || { say "the host's run $n failed (exit $status); see $host"; exit 1; }
 done
 
-read -ra plan <<<"$(plan_args /results)"
-read -ra fuzz <<<"$(fuzz_args /results)"
+# The device's job also times a few steps (zel-tc bench on a real TEE; its JSON comes back).
+runs_in /results
+bench=(bench --count 10 zel_put zel_getHash --json /results/bench.json)
 device_status=0
-bash scripts/virtual-device.sh --out "$out" -- "${plan[@]}" --then "${fuzz[@]}" || device_status=$?
+bash scripts/virtual-device.sh --out "$out/device" -- "${plan[@]}" --then "${fuzz[@]}" --then "${bench[@]}" ||
+  device_status=$?
 case $device_status in
   0) ;;
   3) say "the virtual device could not be had on this machine"; exit 3 ;;
-  *) say "zel-tc failed on the virtual device (exit $device_status); see $out"; exit 1 ;;
+  *) say "zel-tc failed on the virtual device (exit $device_status); see $out/device"; exit 1 ;;
 esac
 
-python3 scripts/tee_diff.py plan "$out/host-1/plan.json" "$out/host-2/plan.json" "$out/plan.json" &&
-  python3 scripts/tee_diff.py fuzz "$out/host-1/fuzz.txt" "$out/host-2/fuzz.txt" "$out/fuzz.txt"
+[ -s "$out/device/bench.json" ] || { say "zel-tc bench's report did not come back from the device"; exit 1; }
+python3 scripts/tee_diff.py plan "$out/host-1/plan.json" "$out/host-2/plan.json" "$out/device/plan.json" &&
+  python3 scripts/tee_diff.py fuzz "$out/host-1/fuzz.txt" "$out/host-2/fuzz.txt" "$out/device/fuzz.txt"
