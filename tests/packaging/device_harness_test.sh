@@ -71,8 +71,16 @@ grep -q '"device.serial": "DEV-0001"' "$work/report.json" || fail "no identity i
 # The fuzzer reaches the device's TEE too: a short campaign over the clean vault finds nothing.
 
 device "$zel_tc" fuzz --runs 150 --seed 3 --quiet --out "$work/findings" --json "$work/fuzz.json" \
-  >"$work/fuzz.out" 2>"$work/fuzz.err" || { tail -20 "$work/fuzz.err"; fail "the fuzz campaign failed"; }
+  --transcript "$work/fuzz.txt" >"$work/fuzz.out" 2>"$work/fuzz.err" ||
+  { tail -20 "$work/fuzz.err"; fail "the fuzz campaign failed"; }
 grep -q "150 executions.*, 0 findings" "$work/fuzz.err" || { cat "$work/fuzz.err"; fail "no fuzz summary"; }
+# Its transcript asks what the host build asks with that seed, whatever the TEE's state answers.
+${emulator:+"$emulator"} "$host_build/bin/zel-tc" fuzz --runs 150 --seed 3 --quiet \
+  --socket "$ZEL_TEE_SOCKET" --out "$work/host-findings" --transcript "$work/host-fuzz.txt" \
+  >/dev/null 2>&1 || fail "the host build's campaign failed"
+cmp -s <(sed 's/ => .*//' "$work/fuzz.txt") <(sed 's/ => .*//' "$work/host-fuzz.txt") ||
+  fail "the device's transcript does not ask what the host's asks"
+[ "$(grep -c ' => 0x00000000 origin:4' "$work/fuzz.txt")" -gt 100 ] || fail "few answers in the transcript"
 
 # What needs the host TEE is refused, with exit 2.
 for arguments in "vault status" "vault fail --cmd 7" "run process --socket $ZEL_TEE_SOCKET"; do

@@ -41,7 +41,8 @@ _zel_tc() {
         case $prev in
             --color) mapfile -t COMPREPLY < <(compgen -W "auto always never" -- "$cur") ;;
             --uuid) mapfile -t COMPREPLY < <(compgen -W "zel_test zel_test_a" -- "$cur") ;;
-            --junit | --json | --results | --baseline | --storage | --socket | --vaultd | --out)
+            --junit | --json | --results | --baseline | --storage | --socket | --vaultd | --out | \
+                --transcript)
                 compopt -o filenames 2>/dev/null
                 mapfile -t COMPREPLY < <(compgen -f -- "$cur")
                 ;;

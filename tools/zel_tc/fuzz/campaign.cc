@@ -12,6 +12,8 @@
 #include <set>
 #include <utility>
 
+#include "args/tee_names.h"
+
 namespace zel::tc::fuzz {
 
 namespace {
@@ -38,6 +40,26 @@ std::string fileName(const CampaignOptions& options, const Reproducer& r, size_t
 
 }  // namespace
 
+std::string transcriptLine(uint64_t execution, size_t call, const Call& sent,
+                           const Answer& answer) {
+    std::string line =
+        std::to_string(execution) + "." + std::to_string(call) + " " + formatCall(sent) + " => ";
+    switch (answer.status) {
+        case Answer::Status::kUnsent:
+            return line + "unsent";
+        case Answer::Status::kHang:
+            return line + "hang";
+        case Answer::Status::kNoSession:
+        case Answer::Status::kAnswered:
+            break;
+    }
+    line += resultHex(answer.result) + " origin:" + std::to_string(answer.origin);
+    if (answer.status == Answer::Status::kNoSession) return line + " no-session";
+    const std::string fields = formatFields(answer.reply);
+    if (answer.decoded) return fields.empty() ? line : line + " " + fields;
+    return line + " raw:" + fields.substr(std::string("blob:").size());
+}
+
 Verdict replay(const Reproducer& reproducer, Executor& executor, const Restart& restart,
                std::string& error) {
     if (restart) {
@@ -63,6 +85,8 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
     std::set<std::pair<FindingKind, std::pair<Ta, uint32_t>>> seen;
     std::deque<Call> history;
     int sessionFailures = 0;
+    if (options.transcript)
+        *options.transcript << "zel-tc-transcript 1 seed " << options.seed << "\n";
     const auto started = Clock::now();
     auto nextProgress = started + std::chrono::seconds(1);
     const auto elapsed = [&] {
@@ -88,8 +112,14 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
             if (!summary.stopped.empty()) break;
         }
         Sequence sequence = generator.next();
-        const Verdict verdict = executor.run(sequence, false);
+        std::vector<Answer> answers;
+        const Verdict verdict =
+            executor.run(sequence, false, options.transcript ? &answers : nullptr);
         ++summary.executions;
+        for (size_t i = 0; options.transcript && i < sequence.size(); ++i)
+            *options.transcript << transcriptLine(summary.executions, i + 1, sequence[i],
+                                                  answers[i])
+                                << "\n";
         summary.calls += verdict.callsRun;
         const size_t sent = verdict.kind == FindingKind::kNone
                                 ? sequence.size()
@@ -176,6 +206,7 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
             break;
         }
     }
+    if (options.transcript) options.transcript->flush();
     summary.seconds = elapsed();
     summary.covered = covered.size();
     if (options.progress) progress();

@@ -26,6 +26,9 @@ struct CampaignOptions {
     std::string outDir = "zel-tc-findings";
     size_t maxFindings = 0;  // stop after this many distinct findings; 0: no bound
     bool progress = true;
+    // One line per call of each sequence, answered or not, in order (transcriptLine); the calls
+    // sent to shrink a finding are not in it.
+    std::ostream* transcript = nullptr;
     // Asked between executions; a reason ends the campaign there (as "stopped").
     std::function<std::string()> stopRequested;
 };
@@ -56,6 +59,10 @@ CampaignSummary runCampaign(const CampaignOptions& options, const Restart& resta
 // Sends a reproducer's calls on a fresh TEE when restart allows; the verdict seen.
 Verdict replay(const Reproducer& reproducer, Executor& executor, const Restart& restart,
                std::string& error);
+
+// "17.2 zel_test 0x0c int:3 int:0 => 0x00000000 origin:4 uint:32 blob:75a0…": the second call of
+// the 17th sequence, and what came back.
+std::string transcriptLine(uint64_t execution, size_t call, const Call& sent, const Answer& answer);
 
 // The summary as the JSON report that --json writes.
 std::string campaignJson(const CampaignOptions& options, const CampaignSummary& summary);

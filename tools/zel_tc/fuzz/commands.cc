@@ -1,5 +1,6 @@
 #include "fuzz/commands.h"
 
+#include <fstream>
 #include <iostream>
 #include <memory>
 
@@ -27,6 +28,7 @@ struct FuzzOptions {
     std::string uuid;
     double timeoutSeconds = 2;
     std::string json;
+    std::string transcript;
     bool quiet = false;
     TeeTargetOptions tee;
 };
@@ -74,9 +76,11 @@ int fuzzCommand(FuzzOptions& options) {
         return kExitUsage;
     }
     std::string error;
-    if (!options.json.empty() && !canWriteReport(options.json, error)) {
-        say(error);
-        return kExitUsage;
+    for (const std::string& file : {options.json, options.transcript}) {
+        if (!file.empty() && !canWriteReport(file, error)) {
+            say(error);
+            return kExitUsage;
+        }
     }
     campaign.timeoutMs = milliseconds(options.timeoutSeconds);
     campaign.progress = !options.quiet;
@@ -84,6 +88,15 @@ int fuzzCommand(FuzzOptions& options) {
     if (!target.open(options.tee, error)) {
         say(error);
         return kExitUsage;
+    }
+    std::ofstream transcript;
+    if (!options.transcript.empty()) {
+        transcript.open(options.transcript, std::ios::trunc);
+        if (!transcript) {
+            say("cannot write " + options.transcript);
+            return kExitUsage;
+        }
+        campaign.transcript = &transcript;
     }
     // A signal ends the campaign after the execution under way; the summary and the reproducers
     // found so far are kept, and the private TEE is stopped on the way out.
@@ -109,6 +122,10 @@ int fuzzCommand(FuzzOptions& options) {
     if (!options.json.empty() &&
         !writeReport(options.json, fuzz::campaignJson(campaign, summary))) {
         say("cannot write " + options.json);
+        return kExitUsage;
+    }
+    if (transcript.is_open() && !transcript.flush()) {
+        say("cannot write " + options.transcript);
         return kExitUsage;
     }
     if (interruption::caught()) return 128 + interruption::caught();
@@ -175,6 +192,8 @@ void addFuzzCommands(CLI::App& app, int& exitCode) {
                      "Stop after this many distinct findings")
         ->transform(decimalOrHex());
     fuzz->add_option("--json", fuzzOptions->json, "Write the summary as JSON here");
+    fuzz->add_option("--transcript", fuzzOptions->transcript,
+                     "Write each call and its answer here, one line each");
     fuzz->add_flag("--quiet", fuzzOptions->quiet, "No progress lines");
     addTeeTargetOptions(*fuzz, fuzzOptions->tee);
     fuzz->callback([fuzzOptions, &exitCode] { exitCode = fuzzCommand(*fuzzOptions); });

@@ -43,10 +43,14 @@ int64_t nowMs() {
 }
 
 // What the reply of a well-formed request that succeeded breaks of its declared shape; empty
-// when nothing.
-std::string replyBreak(TEEC_SharedMemory& block, const CommandSpec& spec) {
+// when nothing. fields, when given, gets the fields read.
+std::string readReply(TEEC_SharedMemory& block, const CommandSpec& spec,
+                      std::vector<Field>* fields) {
     CQeruWsm codec(&block);
     codec.PrepareReset(1);
+    const auto keep = [fields](Field field) {
+        if (fields) fields->push_back(std::move(field));
+    };
     for (size_t i = 0; i < spec.reply.size(); ++i) {
         const ReplyField& field = spec.reply[i];
         const std::string where = "reply field " + std::to_string(i + 1) + ": ";
@@ -55,9 +59,11 @@ std::string replyBreak(TEEC_SharedMemory& block, const CommandSpec& spec) {
         switch (field.kind) {
             case ReplyKind::kInt:
                 if (!codec.GetInt(&integer)) return where + "no Int";
+                keep(Field::integer(integer));
                 continue;
             case ReplyKind::kUint:
                 if (!codec.GetUint(&length)) return where + "no Uint";
+                keep(Field::unsignedInt(length));
                 continue;
             case ReplyKind::kSized:
                 if (!codec.GetUint(&length)) return where + "no Uint length";
@@ -65,21 +71,32 @@ std::string replyBreak(TEEC_SharedMemory& block, const CommandSpec& spec) {
                     return where + "length " + std::to_string(length) + ", expected " +
                            std::to_string(field.size);
                 if (length > kBlockSize / field.unit) return where + "length past the block";
+                keep(Field::unsignedInt(length));
                 length *= field.unit;
                 break;
             case ReplyKind::kIntSized:
                 if (!codec.GetInt(&integer)) return where + "no Int length";
                 if (integer < 0 || static_cast<uint32_t>(integer) > kBlockSize)
                     return where + "length " + std::to_string(integer);
+                keep(Field::integer(integer));
                 length = static_cast<unsigned int>(integer);
                 break;
             case ReplyKind::kBlob:
                 break;
         }
-        if (!codec.GetBlob(length))
-            return where + "no Blob of the " + std::to_string(length) + " bytes announced";
+        const unsigned char* bytes = codec.GetBlob(length);
+        if (!bytes) return where + "no Blob of the " + std::to_string(length) + " bytes announced";
+        keep(Field::blob({bytes, bytes + length}));
     }
     return {};
+}
+
+// The block as the TA left it, without the zeros after its last byte.
+std::vector<uint8_t> rawBlock(const TEEC_SharedMemory& block) {
+    const uint8_t* bytes = static_cast<const uint8_t*>(block.buffer);
+    size_t size = kBlockSize;
+    while (size > 0 && bytes[size - 1] == 0) --size;
+    return {bytes, bytes + size};
 }
 
 }  // namespace
@@ -204,9 +221,36 @@ struct Executor::Worker {
         call.fields.resize(written);
     }
 
-    Verdict run(Sequence& sequence, bool checkSessions) {
+    // Kept only while the caller still waits for this job.
+    void record(std::vector<Answer>* answers, size_t call, Answer answer) {
+        if (!answers) return;
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!abandoned) (*answers)[call] = std::move(answer);
+    }
+
+    Answer answerOf(const Call& call, TEEC_Result result, uint32_t origin) {
+        Answer answer{Answer::Status::kAnswered, result, origin, false, {}};
+        answer.decoded = result == TEEC_SUCCESS && wellFormed(call) &&
+                         readReply(block, *findCommand(call.ta, call.id), &answer.reply).empty();
+        if (!answer.decoded) answer.reply = {Field::blob(rawBlock(block))};
+        return answer;
+    }
+
+    Verdict run(Sequence& sequence, bool checkSessions, std::vector<Answer>* answers) {
         Verdict verdict;
-        if (!ready(verdict)) return verdict;
+        currentCall = 0;
+        if (!ready(verdict)) {
+            if (!sequence.empty())
+                record(answers, 0,
+                       {Answer::Status::kNoSession, verdict.result, verdict.origin, false, {}});
+            return verdict;
+        }
+        {
+            // Calls after a finding are not sent, but their fields are settled all the same.
+            std::lock_guard<std::mutex> lock(mutex);
+            if (abandoned) return verdict;
+            for (Call& call : sequence) write(call);
+        }
         TEEC_Session sessions[2]{};
         bool open[2] = {false, false};
         bool used[2] = {false, false};
@@ -222,6 +266,7 @@ struct Executor::Worker {
                                             TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin);
                 });
                 if (opened != TEEC_SUCCESS) {
+                    record(answers, i, {Answer::Status::kNoSession, opened, origin, false, {}});
                     verdict = {FindingKind::kSessionLost,
                                i,
                                opened,
@@ -251,6 +296,7 @@ struct Executor::Worker {
             verdict.result = result;
             verdict.origin = origin;
             judge(call, result, origin, verdict);
+            if (answers) record(answers, i, answerOf(call, result, origin));
             // A TEE that is gone takes the session with it: closing it could only block.
             if (verdict.kind == FindingKind::kCommsError || verdict.kind == FindingKind::kTaDead)
                 open[ta] = false;
@@ -299,7 +345,7 @@ struct Executor::Worker {
             verdict.kind = FindingKind::kNonGpResult;
             verdict.detail = "result " + describeResult(result) + " is no GlobalPlatform code";
         } else if (result == TEEC_SUCCESS && wellFormed(call)) {
-            const std::string broken = replyBreak(block, *findCommand(call.ta, call.id));
+            const std::string broken = readReply(block, *findCommand(call.ta, call.id), nullptr);
             if (!broken.empty()) {
                 verdict.kind = FindingKind::kReplyShape;
                 verdict.detail = broken;
@@ -338,15 +384,22 @@ void Executor::renew() {
     worker_->thread = std::thread(Worker::loop, worker_);
 }
 
-Verdict Executor::run(Sequence& sequence, bool checkSessions) {
+Verdict Executor::run(Sequence& sequence, bool checkSessions, std::vector<Answer>* answers) {
     // The worker writes into its own copy: an abandoned one must not touch the caller's.
-    auto shared = std::make_shared<std::pair<Sequence, Verdict>>(sequence, Verdict{});
+    struct Shared {
+        Sequence sequence;
+        Verdict verdict;
+        std::vector<Answer> answers;
+    };
+    auto shared = std::make_shared<Shared>(
+        Shared{sequence, {}, std::vector<Answer>(answers ? sequence.size() : 0)});
     std::shared_ptr<Worker> worker = worker_;
     {
         std::lock_guard<std::mutex> lock(worker->mutex);
         worker->done = false;
-        worker->job = [worker = worker.get(), shared, checkSessions] {
-            shared->second = worker->run(shared->first, checkSessions);
+        worker->job = [worker = worker.get(), shared, checkSessions, keep = answers != nullptr] {
+            shared->verdict =
+                worker->run(shared->sequence, checkSessions, keep ? &shared->answers : nullptr);
         };
     }
     worker->changed.notify_all();
@@ -363,13 +416,20 @@ Verdict Executor::run(Sequence& sequence, bool checkSessions) {
         verdict.call = worker->currentCall;
         verdict.detail = "no answer within " + std::to_string(timeoutMilliseconds_) + " ms";
         worker->abandoned = true;
-        sequence = shared->first;  // as written up to the hang; the worker writes no more of it
+        sequence = shared->sequence;  // as written up to the hang; the worker writes no more of it
+        if (answers) {
+            *answers = shared->answers;
+            if (verdict.call < answers->size() &&
+                (*answers)[verdict.call].status == Answer::Status::kUnsent)
+                (*answers)[verdict.call].status = Answer::Status::kHang;
+        }
         lock.unlock();
         renew();
         return verdict;
     }
-    sequence = shared->first;
-    return shared->second;
+    sequence = shared->sequence;
+    if (answers) *answers = std::move(shared->answers);
+    return shared->verdict;
 }
 
 }  // namespace zel::tc::fuzz

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "fuzz/request.h"
 
@@ -38,6 +39,18 @@ struct Verdict {
     size_t callsRun = 0;  // invocations made, for the rate
 };
 
+// What one call of a sequence got back, for the transcript.
+struct Answer {
+    enum class Status : uint8_t { kUnsent, kAnswered, kNoSession, kHang };
+    Status status = Status::kUnsent;  // unsent: an earlier call of its sequence ended it
+    uint32_t result = 0;
+    uint32_t origin = 0;
+    // Decoded by the command's reply shape when the request was well formed and succeeded;
+    // else one blob: the block up to its last byte that is not zero.
+    bool decoded = false;
+    std::vector<Field> reply;
+};
+
 // The GlobalPlatform result codes: success and the TEEC_ERROR_* values of the standard.
 bool isGlobalPlatformResult(uint32_t result);
 
@@ -51,8 +64,9 @@ class Executor {
     // Sends the calls in order, each in a fresh message, over one session per TA, stopping at the
     // first finding; closes the sessions, then (when checkSessions) opens one to each TA used to
     // see that it still can. A blob marked fill is grown, and a field the block cannot take is
-    // dropped, so that the sequence afterwards holds exactly what was sent.
-    Verdict run(Sequence& sequence, bool checkSessions);
+    // dropped, in every call before the first is sent, so that the sequence afterwards holds
+    // exactly what was sent, or would have been. answers, when given, gets one per call.
+    Verdict run(Sequence& sequence, bool checkSessions, std::vector<Answer>* answers = nullptr);
 
     // Drops the worker and its context (after the TEE was restarted under it).
     void renew();

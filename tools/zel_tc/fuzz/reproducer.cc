@@ -81,24 +81,32 @@ bool parseField(const std::string& word, Field& field) {
 
 }  // namespace
 
+std::string formatFields(const std::vector<Field>& fields) {
+    std::string text;
+    for (const Field& field : fields) {
+        if (!text.empty()) text += ' ';
+        if (field.type == Field::Type::kInt)
+            text += "int:" + std::to_string(static_cast<int32_t>(field.value));
+        else if (field.type == Field::Type::kUint)
+            text += "uint:" + std::to_string(field.value);
+        else
+            text += "blob:" + hexBytes(field.bytes);
+    }
+    return text;
+}
+
+std::string formatCall(const Call& call) {
+    char id[16];
+    std::snprintf(id, sizeof id, "0x%02x", call.id);
+    std::string text = std::string(taName(call.ta)) + " " + id;
+    return call.fields.empty() ? text : text + " " + formatFields(call.fields);
+}
+
 std::string formatReproducer(const Reproducer& r) {
     std::string text = std::string(kMagic) + "\nkind " + kindName(r.kind) + "\nresult " +
                        hex32(r.result) + "\norigin " + hex32(r.origin) + "\nseed " +
                        std::to_string(r.seed) + "\ndetail " + r.detail + "\n";
-    for (const Call& call : r.calls) {
-        char id[16];
-        std::snprintf(id, sizeof id, "0x%02x", call.id);
-        text += std::string("call ") + taName(call.ta) + " " + id;
-        for (const Field& field : call.fields) {
-            if (field.type == Field::Type::kInt)
-                text += " int:" + std::to_string(static_cast<int32_t>(field.value));
-            else if (field.type == Field::Type::kUint)
-                text += " uint:" + std::to_string(field.value);
-            else
-                text += " blob:" + hexBytes(field.bytes);
-        }
-        text += "\n";
-    }
+    for (const Call& call : r.calls) text += "call " + formatCall(call) + "\n";
     return text;
 }
 

@@ -34,6 +34,11 @@ struct Reproducer {
     Sequence calls;
 };
 
+// "int:-1 uint:16 blob:00ff": fields as the reproducer writes them.
+std::string formatFields(const std::vector<Field>& fields);
+// "zel_test 0x0c int:3 uint:0": a call as the reproducer writes it.
+std::string formatCall(const Call& call);
+
 std::string formatReproducer(const Reproducer& reproducer);
 // False with the line and what is wrong with it in error.
 bool parseReproducer(const std::string& text, Reproducer& reproducer, std::string& error);
