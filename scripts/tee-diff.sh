@@ -28,7 +28,8 @@ say() { echo "tee-diff: $*" >&2; }
 # command in tenths of a second: --timeout leaves it room.
 runs_in() {  # DIR -> sets plan and fuzz
   plan=(run --all --json "$1/plan.json")
-  fuzz=(fuzz --seed "$seed" --runs "$runs" --timeout 30 --transcript "$1/fuzz.txt" --out "$1/findings")
+  fuzz=(fuzz --seed "$seed" --runs "$runs" --timeout 30 --transcript "$1/fuzz.txt"
+    --out "$1/findings")
 }
 
 bash scripts/install-deps.sh
@@ -56,14 +57,17 @@ done
 runs_in /results
 bench=(bench --count 10 zel_put zel_getHash --json /results/bench.json)
 device_status=0
-bash scripts/virtual-device.sh --out "$out/device" -- "${plan[@]}" --then "${fuzz[@]}" --then "${bench[@]}" ||
-  device_status=$?
+bash scripts/virtual-device.sh --out "$out/device" -- "${plan[@]}" --then "${fuzz[@]}" \
+  --then "${bench[@]}" || device_status=$?
 case $device_status in
   0) ;;
   3) say "the virtual device could not be had on this machine"; exit 3 ;;
   *) say "zel-tc failed on the virtual device (exit $device_status); see $out/device"; exit 1 ;;
 esac
 
-[ -s "$out/device/bench.json" ] || { say "zel-tc bench's report did not come back from the device"; exit 1; }
-python3 scripts/tee_diff.py plan "$out/host-1/plan.json" "$out/host-2/plan.json" "$out/device/plan.json" &&
-  python3 scripts/tee_diff.py fuzz "$out/host-1/fuzz.txt" "$out/host-2/fuzz.txt" "$out/device/fuzz.txt"
+[ -s "$out/device/bench.json" ] || {
+  say "zel-tc bench's report did not come back from the device"
+  exit 1
+}
+python3 scripts/tee_diff.py plan "$out"/host-{1,2}/plan.json "$out/device/plan.json" &&
+  python3 scripts/tee_diff.py fuzz "$out"/host-{1,2}/fuzz.txt "$out/device/fuzz.txt"
