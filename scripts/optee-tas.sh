@@ -3,7 +3,10 @@
 # for arm64 (the kit of Debian's optee-os-dev, vexpress-qemu_armv8a), warnings as errors, signed
 # with the kit's key; then checks every signed .ta against that key.
 #
-#   bash scripts/optee-tas.sh   fetch the kit once into build-optee/kit, build into build-optee/ta/
+#   bash scripts/optee-tas.sh            fetch the kit once into build-optee/kit, build into
+#                                        build-optee/ta/
+#   bash scripts/optee-tas.sh --planted  the same with the fuzzer's planted TA panic, into
+#                                        build-optee/planted/ (for checking it on the virtual device)
 #
 # The kit comes from trixie (bookworm has none), fetched with a private apt configuration into
 # build-optee/ and unpacked there: nothing from trixie is installed on the system. The cross
@@ -22,6 +25,12 @@ readonly kKitPlatform=vexpress-qemu_armv8a
 readonly kCrossCompile=aarch64-linux-gnu-
 top=$PWD/build-optee
 kit_root=$top/kit
+out_root=$top/ta
+planted=()
+if [ "${1:-}" = --planted ]; then
+  out_root=$top/planted
+  planted=(ZEL_PLANTED_TA_PANIC=y)
+fi
 kit_dir=$kit_root/usr/lib/optee-os-dev/$kKitPlatform
 started=$(date +%s.%N)
 
@@ -141,7 +150,7 @@ header_uuid() {
 build_ta() {
   local folder=$1 name out binary tas
   name=$(basename "$folder")
-  out=$top/ta/$name
+  out=$out_root/$name
   binary=$(sed -n 's/^[[:space:]]*BINARY[[:space:]]*[:?]*=[[:space:]]*\([^[:space:]]*\).*/\1/p' \
     "$folder/Makefile" | tail -n1)
   if ! [[ "$binary" =~ ^[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}$ ]]; then
@@ -155,7 +164,7 @@ build_ta() {
   # would take them in.
   env -u CFLAGS -u CPPFLAGS -u LDFLAGS -u CROSS_COMPILE64 \
     make -C "$folder" -j "$(nproc)" TA_DEV_KIT_DIR="$kit_dir" CROSS_COMPILE="$kCrossCompile" \
-    O="$out" CFG_WERROR=y || {
+    O="$out" CFG_WERROR=y "${planted[@]}" || {
     say "$folder did not build"
     return 1
   }
@@ -197,4 +206,4 @@ if [ ${#failed[@]} -gt 0 ]; then
   exit 1
 fi
 say "${#folders[@]} TA(s) built, signed and verified in $(elapsed) s; the .ta files are in" \
-  "$top/ta/<folder>/"
+  "$out_root/<folder>/"

@@ -8,6 +8,8 @@
 #   bash scripts/virtual-device.sh [--out DIR] [--timeout S] -- ARGS   zel-tc ARGS instead
 #   ... -- ARGS --then ARGS2 ...       several runs in one boot, one TEE state; the exit status
 #                                      is the first failing run's
+#   ... --planted                      the TAs with the fuzzer's planted panic (scripts/optee-tas.sh
+#                                      --planted), for checking how a TA's panic is seen
 #   ... --add PATH -- /opt/zel/NAME ARGS   PATH (a file or folder; repeatable) copied to the
 #                                      device's /opt/zel; a run that starts with / runs that
 #                                      program instead of zel-tc (a harness of one's own)
@@ -39,13 +41,17 @@ out=$top/results
 timeout=900
 zel_tc_args=()
 added=()
+tas=ta
+tas_option=()
 while [ $# -gt 0 ]; do
   case $1 in
     --out) out=$(mkdir -p "$2" && cd "$2" && pwd); shift 2 ;;
     --timeout) timeout=$2; shift 2 ;;
     --add) added+=("$(realpath "$2")"); shift 2 ;;
+    --planted) tas=planted tas_option=(--planted); shift ;;
     --) shift; zel_tc_args=("$@"); break ;;
-    *) echo "usage: $0 [--out DIR] [--timeout S] [--add PATH]... [-- ARGS [--then ARGS]...]" >&2
+    *) echo "usage: $0 [--out DIR] [--timeout S] [--planted] [--add PATH]..." \
+         "[-- ARGS [--then ARGS]...]" >&2
        exit 2 ;;
   esac
 done
@@ -303,7 +309,7 @@ make_rootfs() {
   copy_needed "$root" "$root/usr/bin/zel-tc" "${trees[@]}" &&
     copy_needed "$root" "$root/sbin/tee-supplicant" "${trees[@]}" || return 1
   local ta
-  for ta in "$source_dir"/build-optee/ta/*/*.ta; do cp "$ta" "$root/lib/optee_armtz/"; done
+  for ta in "$source_dir/build-optee/$tas"/*/*.ta; do cp "$ta" "$root/lib/optee_armtz/"; done
   cp "$top/modules/tee.ko" "$top/modules/optee.ko" "$root/lib/modules/"
   cp "$source_dir/scripts/virtual-device-init" "$root/init"
   chmod 755 "$root/init"
@@ -392,7 +398,7 @@ if ! { prepare_boot && build_tfa && prepare_kernel && prepare_armhf; }; then
   exit $kCannotInstall
 fi
 optee_status=0
-bash scripts/optee-tas.sh >"$top/optee-tas.log" || optee_status=$?
+bash scripts/optee-tas.sh "${tas_option[@]}" >"$top/optee-tas.log" || optee_status=$?
 [ "$optee_status" -eq 0 ] || exit "$optee_status"
 build_device || exit 1
 make_rootfs || exit 1

@@ -141,8 +141,15 @@ static TEE_Result get_app_info(struct ta_request* request) {
 
 /* The firmware update itself: the result record it reports. */
 static TEE_Result apply_update(struct ta_request* request, struct sp_value* record) {
-    (void)ta_read_int(request); /* the caller's parameter, passed on to the firmware unread */
+    /* The caller's parameter, passed on to the firmware unread. */
+    const int32_t parameter = ta_read_int(request);
     if (!ta_request_complete(request)) return TEE_ERROR_BAD_FORMAT;
+#ifdef ZEL_PLANTED_TA_PANIC
+    /* The fuzzer's planted panic, for checking it on a real TEE; never in a TA for use. */
+    if (parameter == INT32_MIN) TEE_Panic(TEE_ERROR_GENERIC);
+#else
+    (void)parameter;
+#endif
     return value_read(SP_UPDATE_RESULT, record);
 }
 
