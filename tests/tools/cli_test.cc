@@ -28,23 +28,6 @@ TEST(ZelTcCliTest, HelpersAnswerOnStdout) {
     EXPECT_EQ(zelTc("helper base64_encode 666f6f62").out, (Lines{"Zm9vYg=="}));
 }
 
-TEST(ZelTcCliTest, ListShowsEveryStepWithItsNumber) {
-    const CliRun run = zelTc("list");
-    EXPECT_EQ(run.exitCode, 0);
-    // A header; raw suites, entry points, the two commands without a scenario, 20 general and 13
-    // secure-processor scenarios; then the helpers.
-    ASSERT_EQ(run.out.size(), 1u + 42u + 2u + 3u);
-    for (const char* row :
-         {" 504  bist N (3-17)", "  45  zel_getSlotInfo              0x2D       any",
-          "  37  zel_compareData              0x25       2", "  44  zel_removeAkKeys",
-          " 506  test_process_inspection      0x20", "  18  ze_updateFW", "      zelResultToStr"}) {
-        EXPECT_EQ(std::count_if(run.out.begin(), run.out.end(),
-                                [&](const std::string& line) { return line.rfind(row, 0) == 0; }),
-                  1)
-            << row;
-    }
-}
-
 using ZelTcAgainstRunningDaemonTest = VaultFixture;
 
 TEST_F(ZelTcAgainstRunningDaemonTest, ScenariosTakeTheirDataTypeIndexAndUuid) {

@@ -482,11 +482,6 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
     EXPECT_EQ(run("run process" + socket), 1);
     EXPECT_TRUE(contains(err(), "FAIL 503 process result 0x00000010 (failed: 0x0D)"));
     EXPECT_EQ(run("vault fail --cmd 1e1" + socket), 2);
-    EXPECT_EQ(run("fuzz --runs 010 --seed 3 --quiet --cmd put" + socket), 0) << err();
-    EXPECT_TRUE(contains(err(), "seed 3, 10 executions"));
-    EXPECT_EQ(run("bench --command 0x2D --count 010 --json " + reports + "/b.json" + socket), 0)
-        << err();
-    EXPECT_EQ(json::parse(readFile(reports + "/b.json"))["steps"][0]["runs"], 10);
     // Seconds and percentages are finite numbers in range, refused plainly otherwise.
     for (const char* arguments :
          {"fuzz --seconds nan", "fuzz --seconds 0", "fuzz --seconds -1",
