@@ -92,18 +92,6 @@ Bytes sealGcm(const Bytes& key, const Bytes& nonce, const Bytes& plain) {
     return out;
 }
 
-Bytes cbcDecrypt(const Bytes& key, const uint8_t* iv, const uint8_t* body, size_t size) {
-    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
-                                                                        EVP_CIPHER_CTX_free);
-    Bytes out(size + 16);
-    int written = 0, last = 0;
-    EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv);
-    EVP_DecryptUpdate(ctx.get(), out.data(), &written, body, static_cast<int>(size));
-    EVP_DecryptFinal_ex(ctx.get(), out.data() + written, &last);
-    out.resize(static_cast<size_t>(written + last));
-    return out;
-}
-
 // A handed-out buffer, freed with the test.
 struct Out {
     unsigned char* data = nullptr;
@@ -229,7 +217,8 @@ TEST_F(CryptoCommandsTest, DecryptByKeyStoresThePlaintextInASlot) {
     ASSERT_EQ(vault.zel_decryptByKey(6, 2, 1, 2, 1, input.data(), 146), 0);
     Out slot;
     ASSERT_EQ(vault.zel_get(6, &slot.data, &slot.size), 0);
-    const Bytes expected = cbcDecrypt(key, input.data() + 2, input.data() + 18, 128);
+    const Bytes expected = zel::test::aes256CbcDecrypt(key, Bytes(&input[2], &input[18]),
+                                                       Bytes(input.begin() + 18, input.end()));
     EXPECT_EQ(slot.size, (static_cast<unsigned int>(input[0]) << 8) | input[1]);
     EXPECT_EQ(slot.bytes(), expected);
 

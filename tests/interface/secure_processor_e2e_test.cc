@@ -16,13 +16,6 @@ constexpr int32_t kNoData = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
 constexpr int32_t kCommunication = static_cast<int32_t>(TEEC_ERROR_COMMUNICATION);
 constexpr unsigned int kUntouched = 0xAAAAAAAA;
 
-Bytes words(std::initializer_list<uint32_t> values) {
-    Bytes bytes;
-    for (uint32_t value : values)
-        for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
-    return bytes;
-}
-
 class SecureProcessorCommandsTest : public VaultFixture {
   protected:
     void script(uint32_t command, const WsmMessage& reply) {

@@ -174,11 +174,6 @@ TEST_F(StorageCommandsTest, FailedInvocationsGiveGenericForReplyCommandsAndTheTe
     EXPECT_EQ(vault.zel_get(3, &data, &size), kGeneric);
     EXPECT_EQ(vault.zel_delete(3), asResult(TEEC_ERROR_BUSY));
     EXPECT_EQ(vault.zel_getSlotInfo(3, &status, &size), kGeneric);
-
-    daemon.reset();  // no TEE at all: the open failure is the result, nothing is written
-    EXPECT_NE(vault.zel_openSession(), 0);
-    const Lines lines = output.lines();
-    EXPECT_EQ(lines.back(), "Failed to initialize TEE context, result = 4294901768");
 }
 
 }  // namespace

@@ -12,13 +12,6 @@ namespace {
 
 constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
 
-std::vector<uint8_t> words(const std::vector<uint32_t>& values) {
-    std::vector<uint8_t> bytes;
-    for (uint32_t value : values)
-        for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
-    return bytes;
-}
-
 using CaManagerSpTest = VaultFixture;
 
 TEST_F(CaManagerSpTest, FirmwareInformationPrintsTenSignedWords) {

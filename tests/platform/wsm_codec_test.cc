@@ -1,13 +1,17 @@
-// The codec: what it writes byte for byte, and every malformed message read back as a failure
+// The codec and the bytes that cross the TEE boundary: what it writes byte for byte, the same on
+// the 32-bit device as on a 64-bit host, and every malformed message read back as a failure
 // rather than as bytes from outside the block.
 #include <gtest/gtest.h>
 
 #include <tee_client_api.h>
 
+#include <cstddef>
 #include <cstring>
 #include <vector>
 
+#include "interface/zel_result.h"
 #include "qeru_wsm.h"
+#include "teec_wire.h"
 
 namespace {
 
@@ -27,40 +31,54 @@ struct Block {
     TEEC_SharedMemory record{};
 };
 
-TEST(WsmCodecTest, FieldsAreTaggedLengthPrefixedPaddedAndEndMarked) {
-    Block block(64, 0xEE);
-    CQeruWsm wsm(&block.record);
-    ASSERT_TRUE(wsm.PutUint(0x01020304));
-    ASSERT_TRUE(wsm.PutBlob("abcde", 5));
-    const std::vector<uint8_t> expected = {2,   0,   0,   0, 4, 0, 0, 0, 4, 3,   2,
-                                           1,   3,   0,   0, 0, 5, 0, 0, 0, 'a', 'b',
-                                           'c', 'd', 'e', 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(std::vector<uint8_t>(block.bytes.begin(), block.bytes.begin() + 32), expected);
-    EXPECT_EQ(block.bytes[32], 0xEE);  // nothing written past the end marker
+// The layouts the code does not pin itself: the platform's records, and where the wire's
+// parameters start, whichever of the client and the daemon is 32-bit.
+TEST(WsmCodecTest, PlatformRecordsHaveTheirFixedLayout) {
+    EXPECT_EQ(sizeof(TEEC_UUID), 16u);
+    EXPECT_EQ(offsetof(TEEC_UUID, clockSeqAndNode), 8u);
+    EXPECT_EQ(sizeof(TEEC_Value), 8u);
+    EXPECT_EQ(offsetof(zel::wire::Request, params), 48u);
 }
 
-TEST(WsmCodecTest, RoundTripReadsBackEveryFieldInOrder) {
-    Block block(8192);
+TEST(WsmCodecTest, FieldsAreTaggedLittleEndianPaddedEndMarkedAndReadBackInOrder) {
+    Block block(128, 0xEE);
     CQeruWsm wsm(&block.record);
-    std::vector<uint8_t> data(241);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
-    ASSERT_TRUE(wsm.PutInt(-5));
-    ASSERT_TRUE(wsm.PutUint(241));
-    ASSERT_TRUE(wsm.PutBlob(data.data(), 241));
+    const ZelResult sent{-3, INT32_MIN + 1};
+    ASSERT_TRUE(wsm.PutInt(-2));
+    ASSERT_TRUE(wsm.PutUint(0x80000001u));
+    ASSERT_TRUE(wsm.PutBlob("abcde", 5));
+    ASSERT_TRUE(wsm.PutBlob(&sent, sizeof sent));
     ASSERT_TRUE(wsm.PutBlob(nullptr, 0));  // an empty blob is a field of its own
+    const std::vector<uint8_t> expected = {
+        1, 0, 0, 0, 4, 0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF,                    // Int -2
+        2, 0, 0, 0, 4, 0, 0, 0, 0x01, 0x00, 0x00, 0x80,                    // Uint 0x80000001
+        3, 0, 0, 0, 5, 0, 0, 0, 'a',  'b',  'c',  'd',  'e',  0, 0, 0,     // Blob, padded
+        3, 0, 0, 0, 8, 0, 0, 0, 0xFD, 0xFF, 0xFF, 0xFF, 0x01, 0, 0, 0x80,  // Blob: the record
+        3, 0, 0, 0, 0, 0, 0, 0,                                            // empty Blob
+        0, 0, 0, 0};                                                       // end of message
+    EXPECT_EQ(std::vector<uint8_t>(block.bytes.begin(), block.bytes.begin() + expected.size()),
+              expected);
+    EXPECT_EQ(block.bytes[expected.size()], 0xEE);  // nothing written past the end marker
 
+    // Read back the way the firmware-update reply is read: an 8-byte blob copied into the record.
     wsm.PrepareReset(1);
     int i = 0;
     unsigned int u = 0;
     ASSERT_TRUE(wsm.GetInt(&i));
     ASSERT_TRUE(wsm.GetUint(&u));
-    const unsigned char* blob = wsm.GetBlob(u);
-    ASSERT_NE(blob, nullptr);
-    EXPECT_EQ(i, -5);
-    EXPECT_EQ(u, 241u);
-    EXPECT_GE(blob, block.bytes.data());
-    EXPECT_LT(blob, block.bytes.data() + block.bytes.size());
-    EXPECT_EQ(std::memcmp(blob, data.data(), 241), 0);
+    const unsigned char* text = wsm.GetBlob(5);
+    ASSERT_NE(text, nullptr);
+    EXPECT_GE(text, block.bytes.data());
+    EXPECT_LT(text, block.bytes.data() + block.bytes.size());
+    EXPECT_EQ(std::memcmp(text, "abcde", 5), 0);
+    const unsigned char* record = wsm.GetBlob(sizeof(ZelResult));
+    ASSERT_NE(record, nullptr);
+    ZelResult received{};
+    std::memcpy(&received, record, sizeof received);
+    EXPECT_EQ(i, -2);
+    EXPECT_EQ(u, 0x80000001u);
+    EXPECT_EQ(received.zelCode, -3);
+    EXPECT_EQ(received.firmwareCode, INT32_MIN + 1);
     EXPECT_NE(wsm.GetBlob(0), nullptr);
     EXPECT_FALSE(wsm.GetInt(&i));  // the end marker
 

@@ -1,11 +1,14 @@
-// What the raw suites send, and how they count, against the recording TEE Client API.
+// What the raw suites and the secure-processor scenarios send, and how the suites count, against
+// the recording TEE Client API.
 #include <gtest/gtest.h>
 
 #include <set>
 
+#include "managers/ca_manager_sp.h"
 #include "output_capture.h"
 #include "suites/ze_test.h"
 #include "teec_recorder.h"
+#include "wsm_encoding.h"
 
 namespace {
 
@@ -20,6 +23,14 @@ void failCommands(std::set<uint32_t> failing) {
         return failing.count(command) ? recorder::Answer{TEEC_ERROR_GENERIC, TEEC_ORIGIN_TEE}
                                       : recorder::Answer{};
     };
+}
+
+// The Int fields at the start of the recorded block.
+std::vector<int32_t> requestInts(const std::vector<uint8_t>& block) {
+    zel::wsm::Reader reader(block.data(), static_cast<uint32_t>(block.size()));
+    std::vector<int32_t> values;
+    for (int32_t value = 0; reader.getInt(value);) values.push_back(value);
+    return values;
 }
 
 class ZeTestCallsTest : public testing::Test {
@@ -92,6 +103,26 @@ TEST_F(ZeTestCallsTest, SelectorPicksTheSuiteAndUnknownSelectorsOpenNothing) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "Tessaril Test CA SendCMD unknown command"),
               4);
     EXPECT_NE(std::find(lines.begin(), lines.end(), "Tessaril Test CA SendCMD: -1"), lines.end());
+}
+
+TEST(CaManagerSpCallsTest, FirmwareUpdateSendsItsParameterAndZeroUntilSet) {
+    recorder::reset();
+    OutputCapture output;
+    CaManagerSp manager(0x1e);
+    EXPECT_EQ(manager.SendDataToZel(), 0);
+    manager.SetPARAM(5);
+    manager.SetPARAM2(9);  // read by no scenario
+    EXPECT_EQ(manager.SendDataToZel(), 0);
+    ASSERT_EQ(recorder::invocations.size(), 2u);
+    EXPECT_EQ(recorder::invocations[0].command, 0x1eu);
+    EXPECT_EQ(requestInts(recorder::invocations[0].block), std::vector<int32_t>{0});
+    EXPECT_EQ(requestInts(recorder::invocations[1].block), std::vector<int32_t>{5});
+    // A plain command sends the block as allocated.
+    recorder::reset();
+    manager.SetCMD(0x20);
+    EXPECT_EQ(manager.SendDataToZel(), 0);
+    ASSERT_EQ(recorder::invocations.size(), 1u);
+    EXPECT_EQ(recorder::invocations[0].block, std::vector<uint8_t>(8192, 0));
 }
 
 }  // namespace

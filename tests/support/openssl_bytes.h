@@ -69,6 +69,21 @@ inline Bytes ecdsaDer(const Bytes& raw) {
     return out;
 }
 
+// AES-256-CBC with PKCS #7 padding undone; empty where OpenSSL refuses the input.
+inline Bytes aes256CbcDecrypt(const Bytes& key, const Bytes& iv, const Bytes& body) {
+    const std::unique_ptr<EVP_CIPHER_CTX, Releaser<EVP_CIPHER_CTX_free>> ctx(EVP_CIPHER_CTX_new());
+    Bytes out(body.size() + 16);
+    int head = 0, tail = 0;
+    if (key.size() != 32 || iv.size() != 16 || !ctx ||
+        EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data()) != 1 ||
+        EVP_DecryptUpdate(ctx.get(), out.data(), &head, body.data(),
+                          static_cast<int>(body.size())) != 1 ||
+        EVP_DecryptFinal_ex(ctx.get(), out.data() + head, &tail) != 1)
+        return {};
+    out.resize(static_cast<size_t>(head + tail));
+    return out;
+}
+
 // Whether key's public half finds the DER signature good for digest.
 inline bool verifiesDigest(EVP_PKEY* key, const Bytes& digest, const Bytes& der) {
     const PkeyCtx context(key ? EVP_PKEY_CTX_new(key, nullptr) : nullptr);

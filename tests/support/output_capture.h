@@ -33,3 +33,11 @@ class OutputCapture {
 };
 
 using Lines = std::vector<std::string>;
+
+// Whether text holds part; either way the message shows the whole text.
+inline testing::AssertionResult contains(const std::string& text, const std::string& part) {
+    return (text.find(part) != std::string::npos ? testing::AssertionSuccess()
+                                                 : testing::AssertionFailure())
+           << "\"" << part << "\" in:\n"
+           << text;
+}

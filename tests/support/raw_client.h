@@ -10,11 +10,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "descriptor_message.h"
+#include "interface/zel_ta_ids.h"
 #include "teec_wire.h"
 #include "unique_fd.h"
 
@@ -61,12 +63,34 @@ class RawClient {
     }
 
     uint32_t openSession(const TEEC_UUID& uuid) {
+        const wire::Reply reply = call(openRequest(uuid));
+        EXPECT_EQ(reply.result, TEEC_SUCCESS);
+        return reply.id;
+    }
+
+    // How a request for a session was met: served, or turned away (the connection closed, which
+    // the client library reports as TEEC_ERROR_GENERIC from TEEC_ORIGIN_COMMS).
+    enum class Met { kServed, kTurnedAway, kOther };
+    // Asks for a session to the vault TA without waiting for the answer.
+    bool requestSession() {
+        const wire::Request open = openRequest(zel_test);
+        return wire::sendMessage(fd_.get(), &open, sizeof open, -1);
+    }
+    // Waits for requestSession's answer; session receives its id when served.
+    Met awaitSession(uint32_t* session = nullptr) {
+        wire::Reply reply{};
+        const ssize_t got = recv(fd_.get(), &reply, sizeof reply, 0);
+        if (got == static_cast<ssize_t>(sizeof reply) && reply.result == TEEC_SUCCESS) {
+            if (session) *session = reply.id;
+            return Met::kServed;
+        }
+        return got == 0 || (got < 0 && errno == ECONNRESET) ? Met::kTurnedAway : Met::kOther;
+    }
+    static wire::Request openRequest(const TEEC_UUID& uuid) {
         wire::Request request{};
         request.op = wire::kOpenSession;
         request.uuid = wire::uuidBytes(uuid);
-        const wire::Reply reply = call(request);
-        EXPECT_EQ(reply.result, TEEC_SUCCESS);
-        return reply.id;
+        return request;
     }
     // A sealed 8192-byte memfd, mapped here too; returns the daemon's id for it.
     uint32_t registerBlock(uint8_t** mapping = nullptr, bool seal = true) {
@@ -108,6 +132,12 @@ class RawClient {
     bool connected_ = false;
     ssize_t received_ = -1;
 };
+
+// Whether a client connecting now is given a session.
+inline bool servesANewClient(const std::string& socketPath) {
+    RawClient client(socketPath);
+    return client.requestSession() && client.awaitSession() == RawClient::Met::kServed;
+}
 
 // One exchange on a connection of its own, then a moment for the daemon to reap it: whatever a
 // runtime starts lazily with the first connection (ThreadSanitizer's thread) is then running, so

@@ -3,10 +3,19 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "wsm_encoding.h"
+
+// Words as the secure processor writes them: little-endian.
+inline std::vector<uint8_t> words(std::initializer_list<uint32_t> values) {
+    std::vector<uint8_t> bytes;
+    for (uint32_t value : values)
+        for (int i = 0; i < 4; ++i) bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    return bytes;
+}
 
 class WsmMessage {
   public:

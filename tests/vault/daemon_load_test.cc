@@ -158,35 +158,24 @@ TEST_F(DaemonLoadTest, SeventySessionsAndSeventyLargeBlocksOnOneConnection) {
 }
 
 TEST_F(DaemonLoadTest, ThreeHundredConnectionsAtOnceArePastTheLimitClosedAndTheRestServed) {
-    wire::Request open{};
-    open.op = wire::kOpenSession;
-    open.uuid = wire::uuidBytes(zel_test);
     std::vector<std::unique_ptr<RawClient>> clients;
     for (int i = 0; i < 300; ++i) {
         clients.push_back(std::make_unique<RawClient>(daemon->socketPath()));
         ASSERT_TRUE(clients.back()->connected());
-        wire::sendMessage(clients.back()->fd(), &open, sizeof open, -1);
+        clients.back()->requestSession();
     }
     int served = 0, closed = 0;
     for (auto& client : clients) {
-        wire::Reply reply{};
-        const ssize_t got = recv(client->fd(), &reply, sizeof reply, 0);
-        if (got == static_cast<ssize_t>(sizeof reply) && reply.result == TEEC_SUCCESS)
-            ++served;
-        else if (got == 0 || (got < 0 && errno == ECONNRESET))
-            ++closed;
+        const RawClient::Met met = client->awaitSession();
+        served += met == RawClient::Met::kServed;
+        closed += met == RawClient::Met::kTurnedAway;
     }
     EXPECT_EQ(served, 256);
     EXPECT_EQ(closed, 44);
     clients.clear();
     // The closed ones take a moment to end; meanwhile a new client may still be turned away.
-    EXPECT_TRUE(zel::test::eventually([&] {
-        RawClient next(daemon->socketPath());
-        wire::Reply reply{};
-        return wire::sendMessage(next.fd(), &open, sizeof open, -1) &&
-               recv(next.fd(), &reply, sizeof reply, 0) == static_cast<ssize_t>(sizeof reply) &&
-               reply.result == TEEC_SUCCESS;
-    }));
+    EXPECT_TRUE(
+        zel::test::eventually([&] { return zel::test::servesANewClient(daemon->socketPath()); }));
 }
 
 TEST_F(DaemonLoadTest, AClientThatNeverReadsItsRepliesHoldsUpNobody) {

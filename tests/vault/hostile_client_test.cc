@@ -111,19 +111,14 @@ TEST_F(HostileClientTest, AtTheDescriptorLimitTheListenerWaitsWithoutSpinning) {
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &tight, nullptr), 0) << std::strerror(errno);
 
     // Connect until one is left waiting in the backlog: the daemon cannot accept it.
-    wire::Request open{};
-    open.op = wire::kOpenSession;
-    open.uuid = wire::uuidBytes(zel_test);
     std::vector<std::unique_ptr<RawClient>> served;
     std::unique_ptr<RawClient> waiting;
     for (int i = 0; i < 10 && !waiting; ++i) {
         auto client = std::make_unique<RawClient>(daemon->socketPath());
-        ASSERT_TRUE(wire::sendMessage(client->fd(), &open, sizeof open, -1));
+        ASSERT_TRUE(client->requestSession());
         pollfd answered{client->fd(), POLLIN, 0};
         if (poll(&answered, 1, 500) == 1) {
-            wire::Reply reply{};
-            ASSERT_EQ(recv(client->fd(), &reply, sizeof reply, 0),
-                      static_cast<ssize_t>(sizeof reply))
+            ASSERT_EQ(client->awaitSession(), RawClient::Met::kServed)
                 << std::strerror(errno) << " after " << served.size() << " connections";
             served.push_back(std::move(client));
         } else {
@@ -141,9 +136,7 @@ TEST_F(HostileClientTest, AtTheDescriptorLimitTheListenerWaitsWithoutSpinning) {
 
     // Once a connection ends, the waiting one is served.
     served.front()->close();
-    wire::Reply reply{};
-    ASSERT_EQ(recv(waiting->fd(), &reply, sizeof reply, 0), static_cast<ssize_t>(sizeof reply));
-    EXPECT_EQ(reply.result, TEEC_SUCCESS);
+    EXPECT_EQ(waiting->awaitSession(), RawClient::Met::kServed);
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &before, nullptr), 0);
 }
 
@@ -190,9 +183,6 @@ class UnprivilegedDaemonTest : public testing::Test {
 TEST_F(UnprivilegedDaemonTest, AConnectionWithoutAThreadIsClosedAloneAndTheDaemonServesOn) {
     const pid_t pid = daemon_->pid();
     const std::string socket = directory_ + "/socket";
-    wire::Request open{};
-    open.op = wire::kOpenSession;
-    open.uuid = wire::uuidBytes(zel_test);
 
     // Connect until the daemon has no thread left to give: that connection is closed, not
     // answered and not left waiting; the ones before it are served.
@@ -201,13 +191,12 @@ TEST_F(UnprivilegedDaemonTest, AConnectionWithoutAThreadIsClosedAloneAndTheDaemo
     for (int i = 0; i < kMaxTasks + 2 && refused < 2; ++i) {
         auto client = std::make_unique<RawClient>(socket);
         ASSERT_TRUE(client->connected());
-        wire::Reply reply{};
-        const bool sent = wire::sendMessage(client->fd(), &open, sizeof open, -1);
-        const ssize_t got = sent ? recv(client->fd(), &reply, sizeof reply, 0) : 0;
-        if (got == static_cast<ssize_t>(sizeof reply) && reply.result == TEEC_SUCCESS) {
+        const RawClient::Met met =
+            client->requestSession() ? client->awaitSession() : RawClient::Met::kTurnedAway;
+        if (met == RawClient::Met::kServed) {
             served.push_back(std::move(client));
         } else {
-            EXPECT_TRUE(got == 0 || (got < 0 && errno == ECONNRESET)) << std::strerror(errno);
+            EXPECT_EQ(met, RawClient::Met::kTurnedAway) << std::strerror(errno);
             ++refused;
         }
     }
@@ -217,13 +206,7 @@ TEST_F(UnprivilegedDaemonTest, AConnectionWithoutAThreadIsClosedAloneAndTheDaemo
     EXPECT_NE(served.front()->openSession(zel_test), 0u);
 
     served.clear();  // their threads end, and another connection gets one
-    EXPECT_TRUE(zel::test::eventually([&] {
-        RawClient next(socket);
-        wire::Reply reply{};
-        return wire::sendMessage(next.fd(), &open, sizeof open, -1) &&
-               recv(next.fd(), &reply, sizeof reply, 0) == static_cast<ssize_t>(sizeof reply) &&
-               reply.result == TEEC_SUCCESS;
-    }));
+    EXPECT_TRUE(zel::test::eventually([&] { return zel::test::servesANewClient(socket); }));
 }
 
 }  // namespace

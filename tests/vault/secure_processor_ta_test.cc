@@ -110,11 +110,6 @@ TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
               "ZEL result is:\n\t\tZEL: ZEL_RET_FAIL\n\t\tFirmware: -IRDO_FW_ERROR");
     EXPECT_EQ(secureProcessor.zel_updateFW(0), static_cast<int32_t>(TEEC_ERROR_GENERIC));
 
-    set(SP_APP_VERSION, {});
-    EXPECT_EQ(secureProcessor.ze_updateFW(0, system, app, &result),
-              static_cast<int32_t>(TEEC_ERROR_COMMUNICATION));
-    EXPECT_EQ(output.lines().back(), "GetUint() app_ver_size error");
-
     // Only the answers are the control TA's to set, each in its own shape.
     EXPECT_EQ(control.setSecureProcessor(SP_UPDATE_RESULT, Bytes(7)), TEEC_ERROR_BAD_PARAMETERS);
     EXPECT_EQ(control.setSecureProcessor(SP_FIRMWARE_WORDS, Bytes(6)), TEEC_ERROR_BAD_PARAMETERS);

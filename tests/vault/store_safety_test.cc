@@ -93,11 +93,11 @@ TEST_F(StoreSafetyTest, StoreOpenToOthersOrOfAnotherUserIsRefusedWithTheReason) 
     ASSERT_TRUE(startDaemon(error)) << error;
     ASSERT_TRUE(daemon_->stop());
     ASSERT_EQ(chmod(storage_.c_str(), 0644), 0);
-    EXPECT_NE(refusal().find("is open to other users (mode 0644)"), std::string::npos);
+    EXPECT_TRUE(contains(refusal(), "is open to other users (mode 0644)"));
     ASSERT_EQ(chmod(storage_.c_str(), 0600), 0);
     if (geteuid() != 0) GTEST_SKIP() << "NOT TESTED: a store of another user needs root to make";
     ASSERT_EQ(chown(storage_.c_str(), 54012, 54012), 0);
-    EXPECT_NE(refusal().find("belongs to another user (uid 54012)"), std::string::npos);
+    EXPECT_TRUE(contains(refusal(), "belongs to another user (uid 54012)"));
     ASSERT_EQ(chown(storage_.c_str(), 0, 0), 0);
     EXPECT_EQ(refusal(), "");
 }
@@ -112,14 +112,14 @@ TEST_F(StoreSafetyTest, AnotherProgramsDatabaseOrAFileOfGarbageIsRefusedAndLeftU
     ASSERT_EQ(chmod(storage_.c_str(), 0600), 0);
     const Bytes before = readFile(storage_);
 
-    EXPECT_NE(refusal().find("is not a vault store"), std::string::npos);
+    EXPECT_TRUE(contains(refusal(), "is not a vault store"));
     EXPECT_EQ(readFile(storage_), before);
     struct stat info {};
     EXPECT_NE(stat((storage_ + "-wal").c_str(), &info), 0) << "switched to WAL";
 
     // Nor is a file that is no database at all.
     std::ofstream(storage_, std::ios::trunc) << std::string(4096, '\x5a');
-    EXPECT_NE(refusal().find("cannot open the vault store"), std::string::npos);
+    EXPECT_TRUE(contains(refusal(), "cannot open the vault store"));
     EXPECT_EQ(readFile(storage_), Bytes(4096, 0x5a));
 }
 

@@ -40,8 +40,8 @@ TEST(ZelTcBenchTest, TimesStepsAndCommandsAndJudgesAgainstABaseline) {
     std::ofstream(baseline) << R"({"steps": [{"name": "command 0x2D", "p50_us": 0.001}]})";
     const CliRun slower = zelTc("bench --command 0x2D --count 3 --baseline " + baseline);
     EXPECT_EQ(slower.exitCode, 1) << slower.err;
-    EXPECT_NE(slower.err.find("command 0x2D: p50"), std::string::npos) << slower.err;
-    EXPECT_NE(slower.err.find("SLOWER than the threshold"), std::string::npos) << slower.err;
+    EXPECT_TRUE(contains(slower.err, "command 0x2D: p50"));
+    EXPECT_TRUE(contains(slower.err, "SLOWER than the threshold"));
     std::ofstream(baseline) << R"({"steps": [{"name": "command 0x2D", "p50_us": 1e12}]})";
     EXPECT_EQ(zelTc("bench --command 0x2D --count 3 --baseline " + baseline).exitCode, 0);
 
@@ -59,8 +59,7 @@ TEST(ZelTcBenchTest, TimesStepsAndCommandsAndJudgesAgainstABaseline) {
     // A command the TA refuses is timed, and the run fails.
     const CliRun refused = zelTc("bench --command 0x99 --count 3");
     EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_NE(refused.err.find("command 0x99: 3 of 3 runs did not pass"), std::string::npos)
-        << refused.err;
+    EXPECT_TRUE(contains(refused.err, "command 0x99: 3 of 3 runs did not pass"));
 
     for (const std::string& arguments :
          {std::string("bench"), std::string("bench nosuch"), std::string("bench --command zz"),

@@ -9,6 +9,7 @@
 
 #include "bench/report.h"
 #include "bench/stats.h"
+#include "output_capture.h"
 
 namespace {
 
@@ -105,7 +106,7 @@ TEST(BenchBaseline, ABaselineThatIsNotAReportIsRefusedWithItsReason) {
     std::string error;
     EXPECT_FALSE(
         zel::tc::readBaseline(testing::TempDir() + "no_such_baseline.json", baseline, error));
-    EXPECT_NE(error.find("cannot read"), std::string::npos) << error;
+    EXPECT_TRUE(contains(error, "cannot read"));
 
     const struct {
         const char* text;
@@ -123,7 +124,7 @@ TEST(BenchBaseline, ABaselineThatIsNotAReportIsRefusedWithItsReason) {
         EXPECT_FALSE(
             zel::tc::readBaseline(writeFile("bad_baseline.json", bad.text), baseline, error))
             << bad.text;
-        EXPECT_NE(error.find(bad.reason), std::string::npos) << bad.text << " -> " << error;
+        EXPECT_TRUE(contains(error, bad.reason)) << bad.text;
     }
 }
 

@@ -91,7 +91,7 @@ TEST_F(FuzzE2eTest, EachKindOfFindingIsCaughtAtItsCall) {
         const Verdict seen = run(calls);
         EXPECT_EQ(seen.kind, FindingKind::kReplyShape);
         EXPECT_EQ(seen.call, 2u);
-        EXPECT_NE(seen.detail.find("reply field"), std::string::npos) << seen.detail;
+        EXPECT_TRUE(contains(seen.detail, "reply field"));
     }
 
     // A call that does not come back in time, and the fuzzer goes on with a fresh worker.
@@ -154,20 +154,19 @@ TEST_F(FuzzE2eTest, ReplaySaysWhetherTheFindingReproduces) {
         TEEC_SUCCESS);
     CliRun run = zelTc(replay);
     EXPECT_EQ(run.exitCode, 1) << run.err;
-    EXPECT_NE(run.err.find("reproduces: non-gp-result at zel_test zel_getHash(int 3, int 0)"),
-              std::string::npos)
-        << run.err;
+    EXPECT_TRUE(
+        contains(run.err, "reproduces: non-gp-result at zel_test zel_getHash(int 3, int 0)"));
 
     ASSERT_EQ(control.reset(), TEEC_SUCCESS);
     run = zelTc(replay);
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_NE(run.err.find("does not reproduce"), std::string::npos) << run.err;
+    EXPECT_TRUE(contains(run.err, "does not reproduce"));
 
     // A file that is no reproducer: a usage error that says why, and nothing sent.
     std::ofstream(file) << "zel-tc-reproducer 1\nkind hang\ncall zel_test 0x0c int:x\n";
     run = zelTc(replay);
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("line 3: bad field \"int:x\""), std::string::npos) << run.err;
+    EXPECT_TRUE(contains(run.err, "line 3: bad field \"int:x\""));
     std::remove(file.c_str());
 }
 
@@ -202,7 +201,7 @@ TEST(FuzzSmokeTest, TwentySecondsAgainstTheCleanVaultFindNothing) {
     EXPECT_EQ(summary["commands_covered"], 35) << summary;
     EXPECT_EQ(summary["seed"], 20) << summary;
     EXPECT_GT(summary["executions_per_second"].get<double>(), 0.0) << summary;
-    EXPECT_NE(run.err.find("0 findings"), std::string::npos) << run.err;
+    EXPECT_TRUE(contains(run.err, "0 findings"));
     std::remove(json.c_str());
 }
 

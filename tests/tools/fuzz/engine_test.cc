@@ -9,6 +9,7 @@
 #include "fuzz/reproducer.h"
 #include "fuzz/request.h"
 #include "interface/zel_ta_ids.h"
+#include "output_capture.h"
 
 namespace {
 
@@ -172,15 +173,15 @@ TEST(FuzzReproducerTest, BadFilesAreRefusedNamingTheLine) {
         Reproducer r;
         std::string error;
         EXPECT_FALSE(parseReproducer(c.text, r, error)) << c.text;
-        EXPECT_NE(error.find(c.says), std::string::npos) << "got: " << error;
+        EXPECT_TRUE(contains(error, c.says)) << c.text;
     }
     Reproducer r;
     std::string error;
     EXPECT_FALSE(readReproducer(testing::TempDir() + "no-such.repro", r, error));
-    EXPECT_NE(error.find("cannot read"), std::string::npos) << error;
+    EXPECT_TRUE(contains(error, "cannot read"));
     // An endless file is refused, not read forever.
     EXPECT_FALSE(readReproducer("/dev/zero", r, error));
-    EXPECT_NE(error.find("/dev/zero: larger than 4 MiB"), std::string::npos) << error;
+    EXPECT_TRUE(contains(error, "/dev/zero: larger than 4 MiB"));
 }
 
 Sequence numbered(size_t count) {

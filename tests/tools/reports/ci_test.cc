@@ -1,6 +1,7 @@
-// zel-tc as a CI system and a person at a terminal meet it: interrupted runs that still report
-// and leave nothing running, reports read by a real JUnit consumer and checked against a JUnit
-// schema, bad input refused before anything runs, and a vault started from a pipe.
+// zel-tc as a CI system, a device lab and a person at a terminal meet it: interrupted runs that
+// still report and leave nothing running, reports read by a real JUnit consumer and checked
+// against a JUnit schema, the results stream and the LAVA definition's script that reads it, bad
+// input refused before anything runs.
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -15,9 +16,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <fstream>
 #include <functional>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -120,6 +123,13 @@ class ZelTcCiTest : public VaultFixture {
     int run(const std::string& arguments, const std::string& environment = "") {
         return finish(start(arguments, environment));
     }
+    std::string results() const { return reports + "/results.jsonl"; }
+    std::vector<json> records() {
+        std::istringstream in(readFile(results()));
+        std::vector<json> parsed;
+        for (std::string line; std::getline(in, line);) parsed.push_back(json::parse(line));
+        return parsed;
+    }
 
     std::string directory, tmp, reports;
 };
@@ -146,8 +156,8 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
     EXPECT_EQ(report["steps"][1]["verdict"], "INTERRUPTED");
     EXPECT_EQ(report["run"]["interrupted"], "SIGINT");
     const std::string xml = readFile(reports + "/r.xml");
-    EXPECT_NE(xml.find("name=\"test_process_inspection\""), std::string::npos) << xml;
-    EXPECT_NE(xml.find("<error message=\"interrupted by SIGINT\""), std::string::npos) << xml;
+    EXPECT_TRUE(contains(xml, "name=\"test_process_inspection\""));
+    EXPECT_TRUE(contains(xml, "<error message=\"interrupted by SIGINT\""));
     EXPECT_EQ(entries(reports).size(), 3u);  // no temporary report file left
 
     // A long run on a private daemon, ended by SIGTERM and SIGHUP: daemon and folder go with it.
@@ -199,7 +209,7 @@ TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         kill(zelTc, signal);
         EXPECT_EQ(finish(zelTc), 128 + signal) << readFile(err);
-        EXPECT_NE(readFile(err).find(says), std::string::npos) << readFile(err);
+        EXPECT_TRUE(contains(readFile(err), says));
         EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
         EXPECT_EQ(entries(tmp), std::vector<std::string>{});
     };
@@ -260,9 +270,7 @@ TEST_F(ZelTcCiTest, BadInputExitsTwoAndWritesNothing) {
     };
     for (const auto& bad : kCases) {
         EXPECT_EQ(run(std::string(bad.arguments) + out), 2) << bad.arguments;
-        EXPECT_NE(readFile(directory + "/err").find(bad.says), std::string::npos)
-            << bad.arguments << "\n"
-            << readFile(directory + "/err");
+        EXPECT_TRUE(contains(readFile(directory + "/err"), bad.says)) << bad.arguments;
         EXPECT_EQ(entries(reports), std::vector<std::string>{}) << bad.arguments;
         EXPECT_EQ(readFile(directory + "/out"), "") << bad.arguments;
     }
@@ -270,10 +278,9 @@ TEST_F(ZelTcCiTest, BadInputExitsTwoAndWritesNothing) {
     EXPECT_EQ(
         run("run zel_put zel_get --index 010 --data-type 0x1 --socket " + daemon->socketPath()), 0)
         << readFile(directory + "/err");
-    EXPECT_NE(readFile(directory + "/out").find("index: 10\n"), std::string::npos);
+    EXPECT_TRUE(contains(readFile(directory + "/out"), "index: 10\n"));
     EXPECT_EQ(run("run 010 --socket " + daemon->socketPath()), 1);
-    EXPECT_NE(readFile(directory + "/err").find(" 10 zel_decryptByKey "), std::string::npos)
-        << readFile(directory + "/err");
+    EXPECT_TRUE(contains(readFile(directory + "/err"), " 10 zel_decryptByKey "));
     // A report that cannot be replaced is refused too, and what was there is kept.
     std::ofstream(reports + "/kept.json") << "kept\n";
     ASSERT_EQ(mkdir((reports + "/dir.xml").c_str(), 0700), 0);
@@ -288,12 +295,52 @@ TEST_F(ZelTcCiTest, ReportsAreReadByJunitparserAndMatchTheSchema) {
         control.setSecureProcessor(zel::vault::kAnswerSystemVersion, {'v', 0xFF, 0x01, '<', '&'}),
         TEEC_SUCCESS);
     ASSERT_EQ(run("run --all --socket " + daemon->socketPath() + " --junit " + reports +
-                  "/r.xml --json " + reports + "/r.json"),
+                  "/r.xml --json " + reports + "/r.json --results " + results()),
               0)
         << readFile(directory + "/err");
     const auto [valid, said] =
         shell("xmllint --noout --schema " ZEL_JUNIT_XSD " " + reports + "/r.xml");
     EXPECT_EQ(valid, 0) << said;
+
+    // The stream a device lab reads: the run, then every step once, under a name LAVA can take.
+    const std::vector<json> lines = records();
+    ASSERT_EQ(lines.size(), 62u);
+    EXPECT_EQ(lines[0]["record"], "run");
+    EXPECT_EQ(lines[0]["platform"], "host");
+    EXPECT_TRUE(std::regex_match(lines[0]["zel_tc_version"].get<std::string>(),
+                                 std::regex(R"(\d+\.\d+\.\d+)")))
+        << lines[0];
+    char host[HOST_NAME_MAX + 1] = {};
+    gethostname(host, sizeof host - 1);
+    EXPECT_EQ(lines[0]["hostname"], host);
+    EXPECT_TRUE(std::regex_match(lines[0]["started_utc"].get<std::string>(),
+                                 std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)")))
+        << lines[0];
+    std::set<std::string> streamed;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        const json& step = lines[i];
+        const std::string name = step["case"];
+        EXPECT_TRUE(streamed.insert(name).second) << "two steps named " << name;
+        // LAVA splits its signals on spaces and '='.
+        EXPECT_TRUE(std::regex_match(name, std::regex("[A-Za-z0-9_.-]+"))) << name;
+        EXPECT_EQ(step["record"], "step");
+        EXPECT_EQ(step["round"], 1);
+        EXPECT_EQ(step["verdict"], "PASS") << step;
+        EXPECT_GE(step["seconds"].get<double>(), 0.0);
+    }
+    for (const char* name :
+         {"lifecycle", "bist.3", "bist.17", "zel_storeKey.data1.index3", "zel_get.data1.index3",
+          "zel_checkDataExistence.data1.index3.expect0xFFFF0008", "zel_getPublicKeyStatus",
+          "zel_getPublicKeyStatus.expect0xFFFF0008", "zel_checkZelAk.expect0xFFFF0008"})
+        EXPECT_EQ(streamed.count(name), 1u) << name;
+    // The expected failure passes, and says what it returned.
+    const json& expectedFailure = *std::find_if(lines.begin(), lines.end(), [](const json& line) {
+        return line.value("case", "") == "zel_get.data1.index3.expect0xFFFF0000";
+    });
+    EXPECT_EQ(expectedFailure["number"], 2);
+    EXPECT_EQ(expectedFailure["result_name"], "TEEC_ERROR_GENERIC");
+    EXPECT_EQ(lines[1]["result"], "0x00000000");
+    EXPECT_EQ(lines[1]["result_name"], "TEEC_SUCCESS");
 
     const auto [read, text] = shell(ZEL_JUNIT_READER " " + reports + "/r.xml");
     if (text.find("No module named 'junitparser'") != std::string::npos)
@@ -327,16 +374,14 @@ TEST_F(ZelTcCiTest, ReportsAreReadByJunitparserAndMatchTheSchema) {
             if (testcase["name"] == name) return testcase;
         return json();
     };
-    EXPECT_NE(named("ze_getFWInfo")["err"].get<std::string>().find("zel-tc: firmware words 1 0 2"),
-              std::string::npos)
+    EXPECT_TRUE(
+        contains(named("ze_getFWInfo")["err"].get<std::string>(), "zel-tc: firmware words 1 0 2"))
         << named("ze_getFWInfo");
     // The step's stderr, made valid UTF-8 and XML: the bad bytes replaced, the rest kept.
-    EXPECT_NE(named("ze_updateFW")["err"].get<std::string>().find(
-                  "zel-tc: system version v\xEF\xBF\xBD\xEF\xBF\xBD<&"),
-              std::string::npos)
+    EXPECT_TRUE(contains(named("ze_updateFW")["err"].get<std::string>(),
+                         "zel-tc: system version v\xEF\xBF\xBD\xEF\xBF\xBD<&"))
         << named("ze_updateFW");
-    EXPECT_NE(named("process")["out"].get<std::string>().find("PROCESS TEST CA RESULT : 0"),
-              std::string::npos);
+    EXPECT_TRUE(contains(named("process")["out"].get<std::string>(), "PROCESS TEST CA RESULT : 0"));
 
     const json report = json::parse(readFile(reports + "/r.json"));
     EXPECT_EQ(report["passed"], 61);
@@ -369,13 +414,13 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
 
     EXPECT_EQ(run("run process heavyload bist 7 --exclude heavyload --exclude 'bist*'" + socket),
               0);
-    EXPECT_NE(err().find("PASS 503 process"), std::string::npos) << err();
-    EXPECT_NE(err().find("1 passed, 0 failed"), std::string::npos) << err();
+    EXPECT_TRUE(contains(err(), "PASS 503 process"));
+    EXPECT_TRUE(contains(err(), "1 passed, 0 failed"));
     EXPECT_EQ(run("run process --exclude nosuch" + socket), 2);
-    EXPECT_NE(err().find("--exclude 'nosuch' matches none"), std::string::npos) << err();
+    EXPECT_TRUE(contains(err(), "--exclude 'nosuch' matches none"));
     // Each --exclude takes one pattern: the steps after it are still the steps to run.
     EXPECT_EQ(run("run --exclude nosuch process" + socket), 2);
-    EXPECT_NE(err().find("--exclude 'nosuch' matches none"), std::string::npos) << err();
+    EXPECT_TRUE(contains(err(), "--exclude 'nosuch' matches none"));
 
     // A dry run names what would run, in order, with the steps' inputs, and starts nothing.
     EXPECT_EQ(run("run zel_getHubID zel_get --with-setup --dry-run --junit " + reports + "/r.xml"),
@@ -398,7 +443,7 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
     // On a fresh vault the hash of slot 3 fails alone and passes after the put it needs.
     EXPECT_EQ(run("run zel_getHash" + socket), 1);
     EXPECT_EQ(run("run zel_getHash --with-setup" + socket), 0) << err();
-    EXPECT_NE(err().find("PASS 0 zel_put"), std::string::npos) << err();
+    EXPECT_TRUE(contains(err(), "PASS 0 zel_put"));
 
     // --last-failed: the steps that did not pass last time, with their inputs, and nothing else.
     ASSERT_EQ(control.reset(), TEEC_SUCCESS);
@@ -410,10 +455,10 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
         out(),
         "1\t12\tzel_getHash.data1.index9\t{\"data_type\":1,\"index\":9,\"uuid\":\"zel_test\"}\n");
     EXPECT_EQ(run("run --last-failed" + socket, state), 0) << err();
-    EXPECT_NE(err().find("PASS 12 zel_getHash"), std::string::npos) << err();
-    EXPECT_EQ(err().find("zel_put"), std::string::npos) << err();
+    EXPECT_TRUE(contains(err(), "PASS 12 zel_getHash"));
+    EXPECT_FALSE(contains(err(), "zel_put"));
     EXPECT_EQ(run("run --last-failed" + socket, state), 0);
-    EXPECT_NE(err().find("nothing to run"), std::string::npos) << err();
+    EXPECT_TRUE(contains(err(), "nothing to run"));
     EXPECT_EQ(run("run --last-failed --index 3" + socket, state), 2);
 
     // Quiet: the library's lines kept for the report, not shown. A failure mask decoded; colour
@@ -424,26 +469,19 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
               TEEC_SUCCESS);
     EXPECT_EQ(run("run process -q --color always --json " + reports + "/r.json" + socket), 1);
     EXPECT_EQ(out(), "");
-    EXPECT_NE(err().find("\033[1;31mFAIL\033[0m 503 process result 0x00000104 (failed: 0x07, "
-                         "0x11)"),
-              std::string::npos)
-        << err();
+    EXPECT_TRUE(contains(err(),
+                         "\033[1;31mFAIL\033[0m 503 process result 0x00000104 (failed: 0x07, "
+                         "0x11)"));
     EXPECT_EQ(json::parse(readFile(reports + "/r.json"))["steps"][0]["output"].back(),
               "Tessaril PROCESS TEST CA RESULT : 260");
     EXPECT_EQ(run("run process --color never" + socket), 0);
-    EXPECT_EQ(err().find('\033'), std::string::npos);
+    EXPECT_FALSE(contains(err(), "\033"));
     EXPECT_EQ(run("run process --color sometimes" + socket), 2);
     // The vault's verbs read numbers alike: 013 is thirteen, not octal eleven.
     EXPECT_EQ(run("vault fail --cmd 013 --count 01" + socket), 0) << err();
     EXPECT_EQ(run("run process" + socket), 1);
-    EXPECT_NE(err().find("FAIL 503 process result 0x00000010 (failed: 0x0D)"), std::string::npos)
-        << err();
+    EXPECT_TRUE(contains(err(), "FAIL 503 process result 0x00000010 (failed: 0x0D)"));
     EXPECT_EQ(run("vault fail --cmd 1e1" + socket), 2);
-    EXPECT_EQ(run("fuzz --runs 010 --seed 3 --quiet --cmd put" + socket), 0) << err();
-    EXPECT_NE(err().find("seed 3, 10 executions"), std::string::npos) << err();
-    EXPECT_EQ(run("bench --command 0x2D --count 010 --json " + reports + "/b.json" + socket), 0)
-        << err();
-    EXPECT_EQ(json::parse(readFile(reports + "/b.json"))["steps"][0]["runs"], 10);
     // Seconds and percentages are finite numbers in range, refused plainly otherwise.
     for (const char* arguments :
          {"fuzz --seconds nan", "fuzz --seconds 0", "fuzz --seconds -1",
@@ -451,7 +489,7 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
           "bench --command 0 --seconds nan", "bench --command 0 --seconds 1e99",
           "bench --command 0 --threshold nan"}) {
         EXPECT_EQ(run(std::string(arguments) + socket), 2) << arguments;
-        EXPECT_NE(err().find("must be a number "), std::string::npos) << arguments << ": " << err();
+        EXPECT_TRUE(contains(err(), "must be a number ")) << arguments;
     }
 
     EXPECT_EQ(run("list --json"), 0);
@@ -464,7 +502,7 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
     EXPECT_EQ((*bist)["number"], 504);
     EXPECT_EQ(run("--version"), 0);
     EXPECT_EQ(out().rfind("zel-tc ", 0), 0u) << out();
-    EXPECT_NE(out().find(" (host)\n"), std::string::npos) << out();
+    EXPECT_TRUE(contains(out(), " (host)\n"));
 }
 
 // At a terminal: each step is named as it starts, verdicts in colour unless NO_COLOR is set.
@@ -497,39 +535,106 @@ TEST_F(ZelTcCiTest, ProgressAndColourAtATerminal) {
 
     std::tie(status, said) =
         shell("/usr/bin/python3 " + directory + "/at_terminal.py 'NO_COLOR=1 " + command + "'");
-    EXPECT_NE(said.find("zel-tc: [2/2] bist 4 ..."), std::string::npos) << said;
-    EXPECT_EQ(said.find('\033'), std::string::npos) << said;
+    EXPECT_TRUE(contains(said, "zel-tc: [2/2] bist 4 ..."));
+    EXPECT_FALSE(contains(said, "\033"));
     // Not at a terminal: neither.
     std::tie(status, said) = shell(command);
-    EXPECT_EQ(said.find("[1/2]"), std::string::npos) << said;
-    EXPECT_EQ(said.find('\033'), std::string::npos) << said;
+    EXPECT_FALSE(contains(said, "[1/2]"));
+    EXPECT_FALSE(contains(said, "\033"));
 }
 
-TEST(ZelTcVaultStartTest, StartReturnsThroughAPipeAndStopSaysSo) {
-    std::string directory = testing::TempDir() + "zel_tc_detach_XXXXXX";
-    ASSERT_NE(mkdtemp(directory.data()), nullptr);
-    const std::string socket = " --socket " + directory + "/socket";
-    // Command substitution waits for every writer of the pipe: the daemon must hold none.
-    const auto [started, said] = shell("out=$(timeout 20 " + zelTcCommand() + " vault start" +
-                                       socket + " 2>&1); echo \"$? $out\"");
-    EXPECT_EQ(said.rfind("0 zel-vaultd ", 0), 0u) << said;
-    const pid_t pid = std::stoi(readFile(directory + "/socket.pid"));
-    // Its standard streams are its own, and nothing else of the caller's is open in it.
-    const auto descriptor = [pid](int fd) {
-        char target[256] = {};
-        const std::string link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
-        return readlink(link.c_str(), target, sizeof target - 1) > 0 ? std::string(target) : "";
-    };
-    EXPECT_EQ(descriptor(0), "/dev/null");
-    EXPECT_EQ(descriptor(1), "/dev/null");
-    EXPECT_EQ(descriptor(2), directory + "/socket.log");
-    for (const std::string& fd : entries("/proc/" + std::to_string(pid) + "/fd"))
-        EXPECT_EQ(descriptor(std::stoi(fd)).find("pipe:"), std::string::npos) << fd;
-    EXPECT_EQ(getsid(pid), pid);
-    const auto [stopped, stopSaid] = shell(zelTcCommand() + " vault stop" + socket);
-    EXPECT_EQ(stopped, 0);
-    EXPECT_EQ(stopSaid, "zel-vaultd " + std::to_string(pid) + " stopped\n");
-    std::system(("rm -rf " + directory).c_str());
+TEST_F(ZelTcCiTest, ResultsStreamNamesInputsAndRoundsAndRefusesAnUnwritableFile) {
+    const std::string socket = " --socket " + daemon->socketPath();
+    ASSERT_EQ(run("run zel_get bist 7 ze_updateFW --data-type 2 --index 4 --param 3 "
+                  "--uuid zel_test_a --repeat 2" +
+                  socket + " --results " + results()),
+              1);
+    const std::vector<json> lines = records();
+    ASSERT_EQ(lines.size(), 7u);
+    EXPECT_EQ(lines[1]["case"], "zel_get.data2.index4.zel_test_a");
+    EXPECT_EQ(lines[1]["verdict"], "FAIL");  // the vault's commands are not that TA's
+    EXPECT_EQ(lines[2]["case"], "bist.7");
+    EXPECT_EQ(lines[3]["case"], "ze_updateFW.param3");
+    EXPECT_EQ(lines[4]["case"], lines[1]["case"]);
+    EXPECT_EQ(lines[4]["round"], 2);
+    EXPECT_EQ(lines[6]["round"], 2);
+
+    EXPECT_EQ(run("run process" + socket + " --results " + directory + "/no/such/r.jsonl"), 2);
+    EXPECT_TRUE(contains(readFile(directory + "/err"),
+                         "cannot write a report to " + directory + "/no/such/r.jsonl"));
 }
+
+#ifdef ZEL_LAVA_SCRIPT
+// The definition's script on a board without the LAVA helpers: it says what it would report,
+// in order, and exits with zel-tc's code.
+TEST_F(ZelTcCiTest, LavaScriptReportsEveryStepWithoutTheHelpers) {
+    const std::string socket = " --socket " + daemon->socketPath();
+    const auto script = [&](const std::string& arguments, std::vector<std::string>& lines) {
+        const std::string output = directory + "/script.log";
+        const std::string command = std::string("sh ") + ZEL_LAVA_SCRIPT + " -z " + ZEL_TC_PATH +
+                                    " -o " + directory + "/lava -e '" + socket + "' " + arguments +
+                                    " >" + output + " 2>&1";
+        const int status = std::system(command.c_str());
+        std::ifstream in(output);
+        lines.clear();
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    };
+    // Each pattern matches a line after the previous one's.
+    const auto inOrder = [](const std::vector<std::string>& lines,
+                            const std::vector<std::string>& patterns) {
+        auto at = lines.begin();
+        for (const std::string& pattern : patterns) {
+            at = std::find_if(at, lines.end(), [&](const std::string& line) {
+                return std::regex_match(line, std::regex(pattern));
+            });
+            if (at == lines.end()) return "no line matches " + pattern + " in its place";
+            ++at;
+        }
+        return std::string();
+    };
+    const std::string absent = R"( \(LAVA helpers absent: not reported\))";
+    const std::string seconds = R"( --measurement [0-9.e+-]+ --units seconds)";
+
+    std::vector<std::string> lines;
+    ASSERT_EQ(control.failInvocations(zel_test, 0x2D, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+              TEEC_SUCCESS);
+    EXPECT_EQ(script("-s 'zel_getSlotInfo test_get_info' -r 2", lines), 1);
+    EXPECT_EQ(
+        inOrder(lines,
+                {"zel-tc device identity: \\{.*\"record\":\"run\".*\\}",
+                 "lava-test-set start round-1" + absent,
+                 "zel-tc: zel_getSlotInfo.data1.index3 FAIL: result 0xFFFF0000 "
+                 "TEEC_ERROR_GENERIC",
+                 "lava-test-case zel_getSlotInfo.data1.index3 --result fail" + seconds + absent,
+                 "lava-test-case test_get_info --result pass" + seconds + absent,
+                 "lava-test-set stop" + absent, "lava-test-set start round-2" + absent,
+                 "lava-test-case zel_getSlotInfo.data1.index3 --result pass" + seconds + absent,
+                 "lava-test-case test_get_info --result pass" + seconds + absent,
+                 "lava-test-set stop" + absent, "===== BEGIN zel-tc JUnit report .*",
+                 "<testsuites name=\"zel-tc\" tests=\"4\" .*",
+                 "===== END zel-tc JUnit report =====", "===== BEGIN zel-tc JSON report .*",
+                 "===== END zel-tc JSON report =====", "zel-tc exit code: 1"}),
+        "");
+    EXPECT_EQ(std::count_if(
+                  lines.begin(), lines.end(),
+                  [](const std::string& line) { return line.rfind("lava-test-case ", 0) == 0; }),
+              4);
+
+    // One run, no sets; a hung step is a fail whose reason is in the log.
+    ASSERT_EQ(control.stallInvocations(zel_test, 0, 1, 5000), TEEC_SUCCESS);
+    EXPECT_EQ(script("-s 'test_lifetime test_process_inspection' -t 1", lines), 1);
+    EXPECT_EQ(
+        inOrder(lines, {"zel-tc: test_lifetime HUNG: hung, killed after 1 s",
+                        "lava-test-case test_lifetime --result fail" + seconds + absent,
+                        "lava-test-case test_process_inspection --result pass" + seconds + absent}),
+        "");
+    EXPECT_EQ(
+        std::find_if(lines.begin(), lines.end(),
+                     [](const std::string& line) { return line.rfind("lava-test-set", 0) == 0; }),
+        lines.end());
+    EXPECT_EQ(script("-s process", lines), 0);
+}
+#endif
 
 }  // namespace

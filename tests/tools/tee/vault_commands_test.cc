@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 
 #include "interface/zel_ta_ids.h"
@@ -15,20 +16,12 @@ namespace {
 
 using ZelTcVaultCommandsTest = VaultFixture;
 
+// `vault fail` of one command is the README's session, run by readme_sessions.
 TEST_F(ZelTcVaultCommandsTest, VaultCommandsArmTheControlTaFromTheShell) {
     const std::string socket = " --socket " + daemon->socketPath();
-    EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 0x0d --result BUSY --origin TEE").exitCode, 0);
-    CliRun run = zelTc("run" + socket + " process");
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(std::find(run.out.begin(), run.out.end(),
-                        "TEEC_InvokeCommand() failed for cmd = 13, result = 4294901773, "
-                        "retOrigin = 3"),
-              run.out.end());
-    EXPECT_NE(run.err.find("FAIL 503 process result 0x00000010"), std::string::npos) << run.err;
-
     // A session or an allocation has no command: those verbs neither need nor take --cmd.
     EXPECT_EQ(zelTc("vault fail-session" + socket + " --result ACCESS_DENIED").exitCode, 0);
-    run = zelTc("run" + socket + " test_lifetime");
+    CliRun run = zelTc("run" + socket + " test_lifetime");
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_NE(std::find(run.out.begin(), run.out.end(),
                         "Failed to open TEE session, result and retOrigin = 4294901761, 4"),
@@ -40,7 +33,7 @@ TEST_F(ZelTcVaultCommandsTest, VaultCommandsArmTheControlTaFromTheShell) {
                         "Failed to allocate shared memory, result = 4294901772"),
               run.out.end());
     // The failure mask overflows the summary's result column; its verdict stays a word apart.
-    EXPECT_NE(run.err.find("0x10, 0x11) FAIL"), std::string::npos) << run.err;
+    EXPECT_TRUE(contains(run.err, "0x10, 0x11) FAIL"));
     EXPECT_EQ(zelTc("vault fail-alloc" + socket + " --cmd 1").exitCode, 2);
     EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
 
@@ -50,20 +43,19 @@ TEST_F(ZelTcVaultCommandsTest, VaultCommandsArmTheControlTaFromTheShell) {
 
     run = zelTc("vault fail" + socket + " --cmd 1 --result NO_SUCH_RESULT");
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("cannot read --result NO_SUCH_RESULT"), std::string::npos);
+    EXPECT_TRUE(contains(run.err, "cannot read --result NO_SUCH_RESULT"));
     EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 1 --uuid 58d50001-1105").exitCode, 2);
     // What the control TA would refuse is refused here, saying why.
     run = zelTc("vault fail" + socket + " --cmd 1 --result TEEC_SUCCESS");
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("--result TEEC_SUCCESS (a failure, not success)"), std::string::npos)
-        << run.err;
+    EXPECT_TRUE(contains(run.err, "--result TEEC_SUCCESS (a failure, not success)"));
     run = zelTc("vault stall" + socket + " --cmd 1 --ms 60001");
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("--ms"), std::string::npos) << run.err;
+    EXPECT_TRUE(contains(run.err, "--ms"));
     EXPECT_EQ(zelTc("vault stall" + socket + " --cmd 1 --ms 60000 --count 1").exitCode, 0);
     run = zelTc("vault script" + socket + " --cmd 1 --reply blob:" + std::string(16400, 'a'));
     EXPECT_EQ(run.exitCode, 2);
-    EXPECT_NE(run.err.find("--reply blob:aaaa"), std::string::npos) << run.err;
+    EXPECT_TRUE(contains(run.err, "--reply blob:aaaa"));
     EXPECT_LT(run.err.size(), 300u) << run.err;
     EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
     EXPECT_EQ(zelTc("vault reset --socket " + daemon->socketPath() + ".gone").exitCode, 1);
@@ -73,14 +65,30 @@ TEST(ZelTcVaultTest, StartScriptAnswerStatusAndStopFromTheShell) {
     std::string directory = testing::TempDir() + "zel_tc_vault_XXXXXX";
     ASSERT_NE(mkdtemp(directory.data()), nullptr);
     const std::string socket = " --socket " + directory + "/socket";
+    // Command substitution waits for every writer of the pipe: the daemon must hold none.
+    const auto [started, said] = shell("out=$(timeout 20 " + zelTcCommand() + " vault start" +
+                                       socket + " 2>&1); echo \"$? $out\"");
+    ASSERT_EQ(said.rfind("0 zel-vaultd ", 0), 0u) << said;
+    const pid_t pid = std::stoi(readFile(directory + "/socket.pid"));
+    // Its standard streams are its own, and nothing else of the caller's is open in it.
+    const auto descriptor = [pid](const std::string& fd) {
+        char target[256] = {};
+        const std::string link = "/proc/" + std::to_string(pid) + "/fd/" + fd;
+        return readlink(link.c_str(), target, sizeof target - 1) > 0 ? std::string(target) : "";
+    };
+    EXPECT_EQ(descriptor("0"), "/dev/null");
+    EXPECT_EQ(descriptor("1"), "/dev/null");
+    EXPECT_EQ(descriptor("2"), directory + "/socket.log");
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd"))
+        EXPECT_FALSE(contains(descriptor(entry.path().filename()), "pipe:"));
+    EXPECT_EQ(getsid(pid), pid);
+
+    // Taken: the refusal says why, not only where to look.
     CliRun run = zelTc("vault start" + socket);
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    run = zelTc("vault start" + socket);  // taken: the refusal says why, not only where to look
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("before listening: zel-vaultd: another daemon is listening on " +
-                           directory + "/socket (its log: "),
-              std::string::npos)
-        << run.err;
+    EXPECT_TRUE(contains(run.err, "before listening: zel-vaultd: another daemon is listening on " +
+                                      directory + "/socket (its log: "));
     run = zelTc("vault status" + socket);
     EXPECT_EQ(run.exitCode, 0);
     EXPECT_NE(std::find(run.out.begin(), run.out.end(), "  control TA: yes"), run.out.end());
@@ -94,12 +102,11 @@ TEST(ZelTcVaultTest, StartScriptAnswerStatusAndStopFromTheShell) {
     EXPECT_EQ(zelTc("vault answer" + socket + " --hack-status 01").exitCode, 0);
     run = zelTc("run zel_selfTestAll" + socket);
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_NE(run.err.find("FAIL 32 zel_selfTestAll result 0xFFFF000F TEEC_ERROR_SECURITY"),
-              std::string::npos)
-        << run.err;
+    EXPECT_TRUE(contains(run.err, "FAIL 32 zel_selfTestAll result 0xFFFF000F TEEC_ERROR_SECURITY"));
     EXPECT_EQ(zelTc("vault script" + socket + " --cmd 2 --reply 'int:x'").exitCode, 2);
 
-    EXPECT_EQ(zelTc("vault stop" + socket).exitCode, 0);
+    EXPECT_EQ(shell(zelTcCommand() + " vault stop" + socket),
+              std::make_pair(0, "zel-vaultd " + std::to_string(pid) + " stopped\n"));
     EXPECT_EQ(zelTc("vault status" + socket).exitCode, 1);
     EXPECT_EQ(zelTc("vault stop" + socket).exitCode, 1);  // nothing left to stop
     unlink((directory + "/socket.log").c_str());          // the daemon's log outlives it, by design
