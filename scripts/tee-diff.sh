@@ -8,8 +8,8 @@
 #   bash scripts/tee-diff.sh [--runs N] [--seed N]     (default 100 fuzz executions, seed 1)
 #
 # The device's reports and logs are left in build-vdev/diff/device, the host's in
-# build-vdev/diff/host-1 and host-2. Exit status: 0 the TEEs agree; 1 they differ, or a run failed; 3 the virtual device
-# could not be had on this machine (scripts/virtual-device.sh's 3).
+# build-vdev/diff/host-1 and host-2. Exit status: 0 the TEEs agree; 1 they differ, or a run
+# failed; 3 the virtual device could not be had on this machine (scripts/virtual-device.sh's 3).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=100

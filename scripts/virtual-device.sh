@@ -225,8 +225,8 @@ prepare_kernel() {
 }
 
 # The armhf user space's packages, unpacked into one tree.
-readonly user_space=(busybox-static libc6 libgcc-s1 libstdc++6 libssl3 libpugixml1v5 libteec1 tee-supplicant
-  optee-client-dev)
+readonly user_space=(busybox-static libc6 libgcc-s1 libstdc++6 libssl3 libpugixml1v5 libteec1
+  tee-supplicant optee-client-dev)
 prepare_armhf() {
   local tree=$top/armhf package
   for package in "${user_space[@]}"; do
@@ -255,14 +255,15 @@ build_device() {
   }
   # The stand-ins' TEE client stays out: the device's is Debian's.
   rm -f "$platform/lib/libteec.so" "$platform/include/tee_client_api.h"
-  local armhf=$top/armhf
+  # Debian's libteec, and the folder where the linker finds what it links.
+  local armhf=$top/armhf libs=$top/armhf/usr/lib/arm-linux-gnueabihf
   cmake -S "$source_dir" -B "$device" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_PLATFORM=device -DZEL_BUILD_TESTS=OFF \
     -DZEL_BUILD_BENCH=OFF -DZEL_WERROR=ON -DCMAKE_PREFIX_PATH="$platform" \
     -DZEL_TEEC_INCLUDE_DIR="$armhf/usr/include" \
-    -DZEL_TEEC_LIBRARY="$armhf/usr/lib/arm-linux-gnueabihf/libteec.so" \
-    -DCMAKE_SHARED_LINKER_FLAGS="-Wl,--no-undefined -Wl,-rpath-link,$armhf/usr/lib/arm-linux-gnueabihf" \
-    -DCMAKE_EXE_LINKER_FLAGS="-Wl,-rpath-link,$armhf/usr/lib/arm-linux-gnueabihf" \
+    -DZEL_TEEC_LIBRARY="$libs/libteec.so" \
+    -DCMAKE_SHARED_LINKER_FLAGS="-Wl,--no-undefined -Wl,-rpath-link,$libs" \
+    -DCMAKE_EXE_LINKER_FLAGS="-Wl,-rpath-link,$libs" \
     -DCMAKE_INSTALL_PREFIX=/usr >"$top/device.log" 2>&1 &&
     cmake --build "$device" -j "$(nproc)" --target zel-tc >>"$top/device.log" 2>&1 || {
     tail -30 "$top/device.log" >&2
@@ -285,7 +286,10 @@ copy_needed() {  # ROOT FILE TREE...
     for dir in "$@"; do
       [ -e "$dir/$lib" ] && { found=$dir/$lib; break; }
     done
-    [ -n "$found" ] || { say "$(basename "$file") needs $lib, which no package here has"; return 1; }
+    [ -n "$found" ] || {
+      say "$(basename "$file") needs $lib, which no package here has"
+      return 1
+    }
     cp -L "$found" "$root/usr/lib/arm-linux-gnueabihf/$lib"
     copy_needed "$root" "$found" "$@" || return 1
   done
