@@ -61,7 +61,6 @@ done
 say() { echo "virtual-device: $*" >&2; }
 now() { date +%s.%N; }
 since() { echo "$(now) $1" | awk '{ printf "%.1f", $1 - $2 }'; }
-started=$(now)
 
 installed() {
   dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep 'install ok installed' >/dev/null
@@ -124,7 +123,7 @@ apt_for() {  # RELEASE -> sets apt_options
 fetch_deb() {
   local release=$1 package=$2 debs=$top/debs/$1 found
   mkdir -p "$debs"
-  found=$(find "$debs" -name "${package%%:*}_*_${3:-*}.deb" | head -n1)
+  found=$(find "$debs" -name "${package%%:*}_*.deb" | head -n1)
   if [ -z "$found" ]; then
     apt_for "$release" || return 1
     (cd "$debs" && apt-get "${apt_options[@]}" download "$package" >&2) || {
@@ -136,7 +135,7 @@ fetch_deb() {
   echo "$found"
 }
 
-# Unpacks PACKAGE into FOLDER; FOLDER/.version holds the package's version.
+# Unpacks PACKAGE into FOLDER; FOLDER/.version-PACKAGE holds its version.
 unpack() {  # RELEASE PACKAGE[:ARCH] FOLDER
   local deb
   deb=$(fetch_deb "$1" "$2") || return 1
@@ -145,12 +144,17 @@ unpack() {  # RELEASE PACKAGE[:ARCH] FOLDER
   dpkg-deb -f "$deb" Version >"$3/.version-${2%%:*}"
 }
 
-# TF-A from trixie's source package, built once for QEMU's virt machine with OP-TEE as BL32.
+# TF-A from trixie's source package, fetched and built once for QEMU's virt machine with OP-TEE
+# as BL32.
 build_tfa() {
-  local tfa=$top/tf-a release=$top/tf-a/build/qemu/release
-  if [ ! -f "$release/fip.bin" ]; then
+  local release=$top/tf-a/build/qemu/release
+  [ -f "$release/fip.bin" ] || fetch_and_build_tfa || return 1
+  cp "$release"/bl1.bin "$release"/bl2.bin "$release"/bl31.bin "$release"/fip.bin "$top/boot/"
+}
+
+fetch_and_build_tfa() {
+  local tfa=$top/tf-a boot=$top/boot version
   apt_for trixie || return 1
-  local version
   version=$(apt-cache "${apt_options[@]}" showsrc arm-trusted-firmware | sed -n 's/^Version: //p' |
     grep "^$kTfaUpstream[+-]" | sort -V | tail -n1 || true)
   [ -n "$version" ] || { say "trixie lists no source of TF-A $kTfaUpstream"; return 1; }
@@ -165,10 +169,9 @@ build_tfa() {
   }
   mv "$top/tf-a-src/tree" "$tfa"
   echo "$version" >"$tfa/.version"
-  say "building TF-A $kTfaUpstream"
+  say "building TF-A $version"
   # The FIP packs the BL32 and BL33 images of the boot folder; at boot, TF-A's QEMU platform
   # loads the same images by semihosting.
-  local boot=$top/boot
   env -u CFLAGS -u CPPFLAGS -u LDFLAGS make -C "$tfa" -j "$(nproc)" \
     CROSS_COMPILE=aarch64-linux-gnu- PLAT=qemu DEBUG=0 LOG_LEVEL=30 BL32_RAM_LOCATION=tdram \
     QEMU_USE_GIC_DRIVER=QEMU_GICV3 SPD=opteed BL32="$boot/bl32.bin" \
@@ -178,8 +181,6 @@ build_tfa() {
     say "TF-A did not build"
     return 1
   }
-  fi
-  cp "$release"/bl1.bin "$release"/bl2.bin "$release"/bl31.bin "$release"/fip.bin "$top/boot/"
 }
 
 # The boot folder: what TF-A's QEMU platform loads by semihosting from QEMU's working folder.
@@ -243,6 +244,7 @@ prepare_armhf() {
 build_device() {
   local platform=$top/platform stand_ins=$top/stand-ins device=$top/device
   local toolchain=$source_dir/cmake/arm-linux-gnueabihf.cmake
+  # The platform component installs every stand-in, the TEE client too (dropped below).
   cmake -S "$source_dir" -B "$stand_ins" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_BUILD_TESTS=OFF -DZEL_BUILD_BENCH=OFF \
     >"$top/stand-ins.log" 2>&1 &&
@@ -296,7 +298,7 @@ copy_needed() {  # ROOT FILE TREE...
 }
 
 # The initramfs: busybox, the loader and libraries, libteec, tee-supplicant, the TAs where it
-# loads them from, the TEE modules, zel-tc, and an init that runs /zel/job.
+# loads them from, the TEE modules, zel-tc, and the init that runs the job (make_job).
 make_rootfs() {
   local root=$top/rootfs armhf=$top/armhf
   rm -rf "$root"
@@ -368,11 +370,17 @@ versions() {
   } >"$out/versions.txt"
 }
 
-# Brings back the files the job left in /results, written to the console by the init.
+# Brings back the files the job left in /results, written to the console by the init, in place
+# of those an earlier run brought back (listed in .brought-back; nothing else in DIR is touched).
 bring_back() {
   python3 - "$out" "$out/console.log" <<'PY'
-import base64, os, sys
+import base64, binascii, os, sys
 out, console = sys.argv[1], sys.argv[2]
+manifest = os.path.join(out, ".brought-back")
+if os.path.exists(manifest):
+    for old in open(manifest).read().splitlines():
+        if os.path.isfile(os.path.join(out, old)):
+            os.remove(os.path.join(out, old))
 files, name = {}, None
 for line in open(console, errors="replace"):
     line = line.rstrip("\n")
@@ -383,11 +391,18 @@ for line in open(console, errors="replace"):
         files[name] = []
     elif line.startswith("zel-vdev-data ") and name:
         files[name].append(line.split(" ", 1)[1])
-for name, chunks in files.items():
-    os.makedirs(os.path.dirname(os.path.join(out, name)), exist_ok=True)
-    with open(os.path.join(out, name), "wb") as f:
-        f.write(base64.b64decode("".join(chunks)))
-    print(f"virtual-device: brought back {name}", file=sys.stderr)
+with open(manifest, "w") as listed:
+    for name, chunks in files.items():
+        try:
+            data = base64.b64decode("".join(chunks), validate=True)
+        except binascii.Error:
+            print(f"virtual-device: {name} came back cut short; not written", file=sys.stderr)
+            continue
+        os.makedirs(os.path.dirname(os.path.join(out, name)), exist_ok=True)
+        with open(os.path.join(out, name), "wb") as f:
+            f.write(data)
+        listed.write(name + "\n")
+        print(f"virtual-device: brought back {name}", file=sys.stderr)
 PY
 }
 
@@ -412,8 +427,6 @@ say "ready in $(since "$prepared") s; booting"
 booted=$(now)
 boot_status=0
 boot || boot_status=$?
-# What an earlier run brought back is not this run's.
-find "$out" -mindepth 1 ! -name console.log ! -name secure.log -exec rm -rf {} +
 versions
 bring_back
 exit_line=$(grep -a '^zel-vdev: the job exited ' "$out/console.log" | tail -n1 || true)
