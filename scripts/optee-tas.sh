@@ -38,29 +38,10 @@ say() { echo "optee-tas: $*" >&2; }
 
 elapsed() { echo "$(date +%s.%N) $started" | awk '{ printf "%.1f", $1 - $2 }'; }
 
-installed() {
-  dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep 'install ok installed' >/dev/null
-}
-
-sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
-
-# The cross compiler, make, and what the kit's sign script imports. The kit's index is verified
-# with trixie's keys, which bookworm's current debian-archive-keyring holds; an older one is
-# brought up to date.
+# The cross compiler, make, what the kit's sign script imports, and a keyring with trixie's keys.
 install_tools() {
-  local wanted=(gcc-aarch64-linux-gnu make python3-cryptography) missing=() package
-  for package in "${wanted[@]}"; do installed "$package" || missing+=("$package"); done
-  [ -e /usr/share/keyrings/debian-archive-trixie-automatic.gpg ] ||
-    missing+=(debian-archive-keyring)
-  if [ ${#missing[@]} -gt 0 ]; then
-    say "installing ${missing[*]}"
-    # An index of one architecture (an armhf one added for the cross build, say) failing to
-    # download makes update fail as a whole; these packages are native ones.
-    $sudo apt-get update || say "apt-get update reported errors; going on with the indexes it has"
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends \
-      "${missing[@]}" || return 1
-  fi
+  bash scripts/install-deps.sh gcc-aarch64-linux-gnu make python3-cryptography \
+    debian-archive-keyring >&2 || return 1
   command -v "${kCrossCompile}gcc" >/dev/null && command -v make >/dev/null &&
     python3 -c 'import cryptography' 2>/dev/null &&
     [ -e /usr/share/keyrings/debian-archive-trixie-automatic.gpg ]
@@ -96,8 +77,8 @@ fetch_kit() {
     return 1
   fi
   # apt-get download checks the package against the hash in the verified index. It downloads as
-  # _apt when it can write where it downloads to.
-  [ -n "$sudo" ] || ! id _apt >/dev/null 2>&1 || chown _apt "$apt_dir/download"
+  # _apt when it can write where it downloads to (as root, it can make it so).
+  [ "$(id -u)" -ne 0 ] || ! id _apt >/dev/null 2>&1 || chown _apt "$apt_dir/download"
   (cd "$apt_dir/download" && apt-get "${apt[@]}" download "optee-os-dev:arm64=$version" >&2) ||
     return 1
   # Unpacked aside and moved in whole, so that an interrupted run leaves no half kit behind.

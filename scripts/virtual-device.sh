@@ -62,25 +62,13 @@ say() { echo "virtual-device: $*" >&2; }
 now() { date +%s.%N; }
 since() { echo "$(now) $1" | awk '{ printf "%.1f", $1 - $2 }'; }
 
-installed() {
-  dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep 'install ok installed' >/dev/null
-}
-sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
-
 # This release's tools: QEMU, the arm64 compiler for TF-A and the TAs, what TF-A's fiptool links,
-# what unpacks sources and makes the initramfs. The armhf toolchain comes from scripts/armhf.sh.
+# what unpacks sources and makes the initramfs, a keyring with trixie's keys; the armhf toolchain
+# comes from scripts/armhf.sh.
 install_tools() {
-  local wanted=(qemu-system-arm gcc-aarch64-linux-gnu make dpkg-dev cpio xz-utils libssl-dev
-    python3-cryptography debian-archive-keyring) missing=() package
-  for package in "${wanted[@]}"; do installed "$package" || missing+=("$package"); done
-  if [ ${#missing[@]} -gt 0 ]; then
-    say "installing ${missing[*]}"
-    $sudo apt-get update || say "apt-get update reported errors; going on with the indexes it has"
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends \
-      "${missing[@]}" || return 1
-  fi
-  bash scripts/install-deps.sh >&2 && bash scripts/armhf.sh --install-only >&2 || return 1
+  bash scripts/install-deps.sh qemu-system-arm gcc-aarch64-linux-gnu dpkg-dev cpio xz-utils \
+    python3-cryptography debian-archive-keyring >&2 &&
+    bash scripts/armhf.sh --install-only >&2 || return 1
   command -v qemu-system-aarch64 >/dev/null && command -v aarch64-linux-gnu-gcc >/dev/null &&
     [ -e /usr/share/keyrings/debian-archive-trixie-automatic.gpg ]
 }
