@@ -50,16 +50,8 @@ int clientWork(int index, int rounds) {
 
 // Every connection's descriptors closed, and no more threads left than the idle reserve.
 testing::AssertionResult settled(pid_t pid, int threads, int descriptors) {
-    const int bound = threads + static_cast<int>(zel::vault::Server::kIdleThreads);
-    if (zel::test::eventually([&] {
-            return zel::test::threadCount(pid) <= bound &&
-                   zel::test::openDescriptors(pid) <= descriptors;
-        }))
-        return testing::AssertionSuccess();
-    return testing::AssertionFailure()
-           << "threads " << zel::test::threadCount(pid) << " (at most " << bound
-           << "), descriptors " << zel::test::openDescriptors(pid) << " (were " << descriptors
-           << ")";
+    const int reserve = static_cast<int>(zel::vault::Server::kIdleThreads);
+    return zel::test::settlesTo(pid, threads + reserve, descriptors);
 }
 
 TEST_F(DaemonLoadTest, ThirtyTwoClientProcessesGetEveryReplyRight) {
