@@ -21,6 +21,8 @@ namespace {
 using zel::test::Bytes;
 using zel::test::derOf;
 using zel::test::Pkey;
+template <typename T, auto Free>
+using Owned = std::unique_ptr<T, zel::test::Releaser<Free>>;
 constexpr auto fromHex = zel::test::hexBytes;
 constexpr int32_t kGeneric = static_cast<int32_t>(TEEC_ERROR_GENERIC);
 constexpr int32_t kNoData = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
@@ -28,7 +30,6 @@ constexpr int32_t kNoData = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
 int32_t asResult(TEEC_Result result) {
     return static_cast<int32_t>(result);
 }
-
 Pkey newEcKey() {
     return Pkey(EVP_EC_gen("P-256"));
 }
@@ -45,10 +46,8 @@ Bytes derive(EVP_PKEY* own, EVP_PKEY* peer) {
 }
 
 Bytes hkdf(const Bytes& secret, const std::string& info) {
-    std::unique_ptr<EVP_KDF, decltype(&EVP_KDF_free)> kdf(EVP_KDF_fetch(nullptr, "HKDF", nullptr),
-                                                          EVP_KDF_free);
-    std::unique_ptr<EVP_KDF_CTX, decltype(&EVP_KDF_CTX_free)> ctx(EVP_KDF_CTX_new(kdf.get()),
-                                                                  EVP_KDF_CTX_free);
+    const Owned<EVP_KDF, EVP_KDF_free> kdf(EVP_KDF_fetch(nullptr, "HKDF", nullptr));
+    const Owned<EVP_KDF_CTX, EVP_KDF_CTX_free> ctx(EVP_KDF_CTX_new(kdf.get()));
     OSSL_PARAM params[] = {
         OSSL_PARAM_construct_utf8_string("digest", const_cast<char*>("SHA256"), 0),
         OSSL_PARAM_construct_octet_string("key", const_cast<uint8_t*>(secret.data()),
@@ -61,10 +60,8 @@ Bytes hkdf(const Bytes& secret, const std::string& info) {
 }
 
 Bytes cmac(const Bytes& key, const Bytes& message) {
-    std::unique_ptr<EVP_MAC, decltype(&EVP_MAC_free)> mac(EVP_MAC_fetch(nullptr, "CMAC", nullptr),
-                                                          EVP_MAC_free);
-    std::unique_ptr<EVP_MAC_CTX, decltype(&EVP_MAC_CTX_free)> ctx(EVP_MAC_CTX_new(mac.get()),
-                                                                  EVP_MAC_CTX_free);
+    const Owned<EVP_MAC, EVP_MAC_free> mac(EVP_MAC_fetch(nullptr, "CMAC", nullptr));
+    const Owned<EVP_MAC_CTX, EVP_MAC_CTX_free> ctx(EVP_MAC_CTX_new(mac.get()));
     OSSL_PARAM params[] = {
         OSSL_PARAM_construct_utf8_string("cipher", const_cast<char*>("AES-256-CBC"), 0),
         OSSL_PARAM_construct_end()};
@@ -78,8 +75,7 @@ Bytes cmac(const Bytes& key, const Bytes& message) {
 
 // AES-256-GCM with a 16-byte nonce: ciphertext, then the tag.
 Bytes sealGcm(const Bytes& key, const Bytes& nonce, const Bytes& plain) {
-    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
-                                                                        EVP_CIPHER_CTX_free);
+    const Owned<EVP_CIPHER_CTX, EVP_CIPHER_CTX_free> ctx(EVP_CIPHER_CTX_new());
     Bytes out(plain.size() + 16);
     int written = 0, last = 0;
     EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr);

@@ -162,12 +162,9 @@ TEST_F(StorageCommandsTest, RepliesWithoutDataAreReportedAndHandOutNothing) {
 }
 
 TEST_F(StorageCommandsTest, FailedInvocationsGiveGenericForReplyCommandsAndTheTeeCodeOtherwise) {
-    ASSERT_EQ(control.failInvocations(zel_test, 0x02, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
-    ASSERT_EQ(control.failInvocations(zel_test, 0x03, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
-    ASSERT_EQ(control.failInvocations(zel_test, 0x2d, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
+    for (uint32_t command : {0x02, 0x03, 0x2d})
+        ASSERT_EQ(control.failInvocations(zel_test, command, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+                  TEEC_SUCCESS);
     unsigned char* data = nullptr;
     unsigned int size = 0;
     unsigned char status = 0;

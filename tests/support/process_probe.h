@@ -2,6 +2,8 @@
 // CPU time it has used. The values tests compare before and after a fault.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <dirent.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -53,6 +55,17 @@ inline bool eventually(const std::function<bool()>& condition, int milliseconds 
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return true;
+}
+
+// Whether the process gets down to at most threads threads and descriptors open descriptors
+// within a few seconds; a failure gives the counts it stayed at.
+inline testing::AssertionResult settlesTo(pid_t pid, int threads, int descriptors) {
+    if (eventually(
+            [&] { return threadCount(pid) <= threads && openDescriptors(pid) <= descriptors; }))
+        return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << "threads " << threadCount(pid) << " (at most " << threads << "), descriptors "
+           << openDescriptors(pid) << " (at most " << descriptors << ")";
 }
 
 }  // namespace zel::test

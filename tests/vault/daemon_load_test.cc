@@ -49,12 +49,9 @@ int clientWork(int index, int rounds) {
 }
 
 // Every connection's descriptors closed, and no more threads left than the idle reserve.
-bool settled(pid_t pid, int threads, int descriptors) {
-    const int bound = threads + static_cast<int>(zel::vault::Server::kIdleThreads);
-    return zel::test::eventually([&] {
-        return zel::test::threadCount(pid) <= bound &&
-               zel::test::openDescriptors(pid) <= descriptors;
-    });
+testing::AssertionResult settled(pid_t pid, int threads, int descriptors) {
+    const int reserve = static_cast<int>(zel::vault::Server::kIdleThreads);
+    return zel::test::settlesTo(pid, threads + reserve, descriptors);
 }
 
 TEST_F(DaemonLoadTest, ThirtyTwoClientProcessesGetEveryReplyRight) {
@@ -75,10 +72,7 @@ TEST_F(DaemonLoadTest, ThirtyTwoClientProcessesGetEveryReplyRight) {
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
             << "client " << i << " status " << status;
     }
-    EXPECT_TRUE(settled(pid, threads, descriptors))
-        << "threads " << zel::test::threadCount(pid) << "/" << threads << "+"
-        << zel::vault::Server::kIdleThreads << ", descriptors " << zel::test::openDescriptors(pid)
-        << "/" << descriptors;
+    EXPECT_TRUE(settled(pid, threads, descriptors));
 }
 
 TEST_F(DaemonLoadTest, ClientsKilledInsideAStalledInvocationLeaveTheTaUsable) {
@@ -113,10 +107,7 @@ TEST_F(DaemonLoadTest, ClientsKilledInsideAStalledInvocationLeaveTheTaUsable) {
     const unsigned char data[] = {1, 2, 3};
     EXPECT_EQ(vault.zel_put(9, data, 3), 0);
     EXPECT_EQ(vault.zel_checkDataExistence(9, 0), 0);
-    EXPECT_TRUE(settled(pid, threads, descriptors))
-        << "threads " << zel::test::threadCount(pid) << "/" << threads << "+"
-        << zel::vault::Server::kIdleThreads << ", descriptors " << zel::test::openDescriptors(pid)
-        << "/" << descriptors;
+    EXPECT_TRUE(settled(pid, threads, descriptors));
 }
 
 TEST_F(DaemonLoadTest, SeventySessionsAndSeventyLargeBlocksOnOneConnection) {

@@ -7,10 +7,26 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "daemon_launcher.h"
+#include "zel_tc_lib.h"
+
+using Bytes = std::vector<unsigned char>;
+
+// A slot's content as the library reads it; nullopt when the read fails.
+inline std::optional<Bytes> slotContent(CaZelInterface& vault, int slot) {
+    unsigned char* read = nullptr;
+    unsigned int size = 0;
+    std::optional<Bytes> content;
+    if (vault.zel_get(slot, &read, &size) == 0) content = Bytes(read, read + size);
+    std::free(read);
+    return content;
+}
 
 class StoreFixture : public testing::Test {
   protected:
@@ -25,11 +41,13 @@ class StoreFixture : public testing::Test {
         for (const char* suffix : {"", "-wal", "-shm"}) unlink((storage_ + suffix).c_str());
         rmdir(directory_.c_str());
     }
-    // Starts a daemon over the store; error receives why it did not start.
-    bool startDaemon(std::string& error) {
+    // Starts a daemon over the store; a failure says why it did not start.
+    testing::AssertionResult startDaemon() {
+        std::string error;
         daemon_ = zel::vault::VaultDaemon::start({{}, {}, false, {"--storage", storage_}}, error);
-        if (daemon_) setenv("ZEL_TEE_SOCKET", daemon_->socketPath().c_str(), 1);
-        return daemon_ != nullptr;
+        if (!daemon_) return testing::AssertionFailure() << error;
+        setenv("ZEL_TEE_SOCKET", daemon_->socketPath().c_str(), 1);
+        return testing::AssertionSuccess();
     }
 
     std::string directory_, storage_;

@@ -15,7 +15,7 @@
 #include "fuzz/request.h"
 #include "interface/zel_ta_ids.h"
 #include "vault_fixture.h"
-#include "wsm_encoding.h"
+#include "wsm_message.h"
 #include "zel_tc_run.h"
 
 namespace {
@@ -76,18 +76,9 @@ TEST_F(FuzzE2eTest, EachKindOfFindingIsCaughtAtItsCall) {
         EXPECT_EQ(seen.callsRun, 2u);  // it stops at the finding
     }
 
-    // A success whose reply is a Uint where an Int was due, then one with a short blob.
-    for (const std::vector<uint8_t>& reply : {std::vector<uint8_t>{}, std::vector<uint8_t>{9, 9}}) {
-        std::vector<uint8_t> message(64, 0);
-        zel::wsm::Writer writer(message.data(), static_cast<uint32_t>(message.size()));
-        if (reply.empty()) {
-            writer.putUint(1);
-            writer.putUint(3);
-        } else {
-            writer.putInt(1);
-        }
-        ASSERT_EQ(control.scriptReply(zel_test, zel::cmd::zel_getSlotInfo, 1, message),
-                  TEEC_SUCCESS);
+    // A success whose reply is a Uint where an Int was due, then one that ends after the Int.
+    for (const auto& reply : {WsmMessage().u(1).u(3).bytes(), WsmMessage().i(1).bytes()}) {
+        ASSERT_EQ(control.scriptReply(zel_test, zel::cmd::zel_getSlotInfo, 1, reply), TEEC_SUCCESS);
         const Verdict seen = run(calls);
         EXPECT_EQ(seen.kind, FindingKind::kReplyShape);
         EXPECT_EQ(seen.call, 2u);

@@ -115,15 +115,15 @@ class ZelTcCiTest : public VaultFixture {
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     size_t resultLines() {
-        std::istringstream lines(readFile(reports + "/results.jsonl"));
-        size_t count = 0;
-        for (std::string line; std::getline(lines, line);) ++count;
-        return count;
+        const std::string text = readFile(results());
+        return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
     }
     int run(const std::string& arguments, const std::string& environment = "") {
         return finish(start(arguments, environment));
     }
     std::string results() const { return reports + "/results.jsonl"; }
+    std::string err() const { return readFile(directory + "/err"); }
+    std::string out() const { return readFile(directory + "/out"); }
     std::vector<json> records() {
         std::istringstream in(readFile(results()));
         std::vector<json> parsed;
@@ -135,20 +135,16 @@ class ZelTcCiTest : public VaultFixture {
 };
 
 TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
-    const std::string out = " --junit " + reports + "/r.xml --json " + reports + "/r.json";
+    const std::string reported = " --junit " + reports + "/r.xml --json " + reports + "/r.json";
     // A stalled step at a daemon of the test's: SIGINT stops it and the run reports.
     ASSERT_EQ(control.stallInvocations(zel_test, 0, 1, 4000), TEEC_SUCCESS);
     pid_t zelTc = start("run test_process_inspection test_lifetime process --socket " +
-                        daemon->socketPath() + out + " --results " + reports + "/results.jsonl");
+                        daemon->socketPath() + reported + " --results " + results());
     ASSERT_TRUE(waitFor([&] { return resultLines() >= 2; }));  // the run and the first step
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     kill(zelTc, SIGINT);
-    EXPECT_EQ(finish(zelTc), 130) << readFile(directory + "/err");
-    EXPECT_NE(readFile(directory + "/err")
-                  .find("INTERRUPTED 505 test_lifetime result interrupted "
-                        "by SIGINT"),
-              std::string::npos)
-        << readFile(directory + "/err");
+    EXPECT_EQ(finish(zelTc), 130) << err();
+    EXPECT_TRUE(contains(err(), "INTERRUPTED 505 test_lifetime result interrupted by SIGINT"));
     json report = json::parse(readFile(reports + "/r.json"));
     ASSERT_EQ(report["steps"].size(), 2u) << report;
     EXPECT_EQ(report["steps"][0]["case"], "test_process_inspection");
@@ -162,12 +158,12 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
 
     // A long run on a private daemon, ended by SIGTERM and SIGHUP: daemon and folder go with it.
     for (const int signal : {SIGTERM, SIGHUP}) {
-        unlink((reports + "/results.jsonl").c_str());
-        zelTc = start("run --all --repeat 100" + out + " --results " + reports + "/results.jsonl");
+        unlink(results().c_str());
+        zelTc = start("run --all --repeat 100" + reported + " --results " + results());
         ASSERT_TRUE(waitFor([&] { return resultLines() >= 3; }));
         ASSERT_EQ(processesMentioning(tmp).size(), 1u);
         kill(zelTc, signal);
-        EXPECT_EQ(finish(zelTc), 128 + signal) << readFile(directory + "/err");
+        EXPECT_EQ(finish(zelTc), 128 + signal) << err();
         EXPECT_EQ(processesMentioning(tmp), std::vector<pid_t>{});
         EXPECT_EQ(entries(tmp), std::vector<std::string>{});
         report = json::parse(readFile(reports + "/r.json"));
@@ -177,8 +173,8 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
 
     // SIGKILL to the whole group: nothing can clean up, so the daemon dies with its parent and
     // the next run removes the folder left behind.
-    unlink((reports + "/results.jsonl").c_str());
-    zelTc = start("run --all --repeat 100 --results " + reports + "/results.jsonl");
+    unlink(results().c_str());
+    zelTc = start("run --all --repeat 100 --results " + results());
     ASSERT_TRUE(waitFor([&] { return resultLines() >= 3; }));
     kill(-zelTc, SIGKILL);
     finish(zelTc);
@@ -186,7 +182,7 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
     EXPECT_EQ(entries(tmp).size(), 1u);
     // The folder's lock must be older than a folder still being made.
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-    EXPECT_EQ(run("run test_lifetime"), 0) << readFile(directory + "/err");
+    EXPECT_EQ(run("run test_lifetime"), 0) << err();
     EXPECT_EQ(entries(tmp), std::vector<std::string>{});
 
     // SIGKILL to zel-tc alone: its daemon notices and ends itself.
@@ -200,7 +196,6 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
 // fuzz and bench, stopped by a signal, still say and write what they have, exit 128 + the signal
 // and leave no daemon, folder or half-written report behind.
 TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
-    const std::string err = directory + "/err";
     // Starts zel-tc, signals it once its private daemon is up, and checks what must always hold:
     // the exit status, the line naming the signal, and nothing left running or in $TMPDIR.
     const auto interrupt = [&](const std::string& arguments, int signal, const std::string& says) {
@@ -208,8 +203,8 @@ TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
         ASSERT_TRUE(waitFor([&] { return processesMentioning(tmp).size() == 1; }));
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         kill(zelTc, signal);
-        EXPECT_EQ(finish(zelTc), 128 + signal) << readFile(err);
-        EXPECT_TRUE(contains(readFile(err), says));
+        EXPECT_EQ(finish(zelTc), 128 + signal) << err();
+        EXPECT_TRUE(contains(err(), says));
         EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
         EXPECT_EQ(entries(tmp), std::vector<std::string>{});
     };
@@ -237,8 +232,8 @@ TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
 }
 
 TEST_F(ZelTcCiTest, BadInputExitsTwoAndWritesNothing) {
-    const std::string out = " --junit " + reports + "/r.xml --json " + reports + "/r.json" +
-                            " --results " + reports + "/results.jsonl";
+    const std::string reported =
+        " --junit " + reports + "/r.xml --json " + reports + "/r.json" + " --results " + results();
     const struct {
         const char* arguments;
         const char* says;
@@ -269,18 +264,18 @@ TEST_F(ZelTcCiTest, BadInputExitsTwoAndWritesNothing) {
         {"helper GetSHA256Hash 0g", ""},
     };
     for (const auto& bad : kCases) {
-        EXPECT_EQ(run(std::string(bad.arguments) + out), 2) << bad.arguments;
-        EXPECT_TRUE(contains(readFile(directory + "/err"), bad.says)) << bad.arguments;
+        EXPECT_EQ(run(std::string(bad.arguments) + reported), 2) << bad.arguments;
+        EXPECT_TRUE(contains(err(), bad.says)) << bad.arguments;
         EXPECT_EQ(entries(reports), std::vector<std::string>{}) << bad.arguments;
-        EXPECT_EQ(readFile(directory + "/out"), "") << bad.arguments;
+        EXPECT_EQ(out(), "") << bad.arguments;
     }
     // Decimal with a leading zero is decimal: slot 10, and step 10.
     EXPECT_EQ(
         run("run zel_put zel_get --index 010 --data-type 0x1 --socket " + daemon->socketPath()), 0)
-        << readFile(directory + "/err");
-    EXPECT_TRUE(contains(readFile(directory + "/out"), "index: 10\n"));
+        << err();
+    EXPECT_TRUE(contains(out(), "index: 10\n"));
     EXPECT_EQ(run("run 010 --socket " + daemon->socketPath()), 1);
-    EXPECT_TRUE(contains(readFile(directory + "/err"), " 10 zel_decryptByKey "));
+    EXPECT_TRUE(contains(err(), " 10 zel_decryptByKey "));
     // A report that cannot be replaced is refused too, and what was there is kept.
     std::ofstream(reports + "/kept.json") << "kept\n";
     ASSERT_EQ(mkdir((reports + "/dir.xml").c_str(), 0700), 0);
@@ -297,7 +292,7 @@ TEST_F(ZelTcCiTest, ReportsAreReadByJunitparserAndMatchTheSchema) {
     ASSERT_EQ(run("run --all --socket " + daemon->socketPath() + " --junit " + reports +
                   "/r.xml --json " + reports + "/r.json --results " + results()),
               0)
-        << readFile(directory + "/err");
+        << err();
     const auto [valid, said] =
         shell("xmllint --noout --schema " ZEL_JUNIT_XSD " " + reports + "/r.xml");
     EXPECT_EQ(valid, 0) << said;
@@ -409,8 +404,6 @@ TEST_F(ZelTcCiTest, ReportsAreReadByJunitparserAndMatchTheSchema) {
 TEST_F(ZelTcCiTest, TestRunnerConventions) {
     const std::string socket = " --socket " + daemon->socketPath();
     const std::string state = "XDG_STATE_HOME=" + directory + "/state";
-    const auto err = [this] { return readFile(directory + "/err"); };
-    const auto out = [this] { return readFile(directory + "/out"); };
 
     EXPECT_EQ(run("run process heavyload bist 7 --exclude heavyload --exclude 'bist*'" + socket),
               0);
@@ -463,10 +456,9 @@ TEST_F(ZelTcCiTest, TestRunnerConventions) {
 
     // Quiet: the library's lines kept for the report, not shown. A failure mask decoded; colour
     // on request.
-    ASSERT_EQ(control.failInvocations(zel_test, 0x07, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
-    ASSERT_EQ(control.failInvocations(zel_test, 0x11, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
+    for (uint32_t command : {0x07, 0x11})
+        ASSERT_EQ(control.failInvocations(zel_test, command, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
+                  TEEC_SUCCESS);
     EXPECT_EQ(run("run process -q --color always --json " + reports + "/r.json" + socket), 1);
     EXPECT_EQ(out(), "");
     EXPECT_TRUE(contains(err(),
@@ -560,8 +552,7 @@ TEST_F(ZelTcCiTest, ResultsStreamNamesInputsAndRoundsAndRefusesAnUnwritableFile)
     EXPECT_EQ(lines[6]["round"], 2);
 
     EXPECT_EQ(run("run process" + socket + " --results " + directory + "/no/such/r.jsonl"), 2);
-    EXPECT_TRUE(contains(readFile(directory + "/err"),
-                         "cannot write a report to " + directory + "/no/such/r.jsonl"));
+    EXPECT_TRUE(contains(err(), "cannot write a report to " + directory + "/no/such/r.jsonl"));
 }
 
 #ifdef ZEL_LAVA_SCRIPT
