@@ -135,9 +135,9 @@ TEST_F(ClientTrustTest, ALyingDaemonsIdZeroAndOversizedReplyAreRejected) {
     TEEC_Session session{};
     const TEEC_UUID anyTa = {1, 2, 3, {4}};
     uint32_t origin = 0;
-    ASSERT_EQ(TEEC_OpenSession(&context, &session, &anyTa, TEEC_LOGIN_PUBLIC, nullptr, nullptr,
-                               &origin),
-              TEEC_SUCCESS);
+    ASSERT_EQ(
+        TEEC_OpenSession(&context, &session, &anyTa, TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin),
+        TEEC_SUCCESS);
 
     const size_t mappings = sharedMappings();
     TEEC_SharedMemory memory{};

@@ -1,6 +1,7 @@
 // The Internal Core API the daemon gives its TAs, called as a TA calls it: inside runInTa, so
 // that a panic ends the call and leaves a context to destroy. Known answers come from the
-// public vectors (FIPS 180-2, RFC 4231, RFC 4493, SP 800-38A, McGrew and Viega's GCM test cases).
+// public vectors (FIPS 180-2, RFC 4231, RFC 4493, SP 800-38A, McGrew and Viega's GCM test cases),
+// one per algorithm and mode: GCM's is the case with a 60-byte nonce and AAD.
 #include <gtest/gtest.h>
 
 #include <openssl/core_names.h>
@@ -144,8 +145,6 @@ const Vector kVectors[] = {
      "cdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcd"  // 50 x cd
      "cdcdcdcdcdcdcdcdcdcd",
      "82558a389a443c0ea4cc819899f2083a85f0faa3e578f8077a2e3ff46729665b", ""},
-    {"AES-CMAC RFC 4493 empty", TEE_ALG_AES_CMAC, TEE_MODE_MAC, TEE_TYPE_AES,
-     "2b7e151628aed2a6abf7158809cf4f3c", "", "", "", "bb1d6929e95937287fa37d129b756746", ""},
     {"AES-CMAC RFC 4493 16 bytes", TEE_ALG_AES_CMAC, TEE_MODE_MAC, TEE_TYPE_AES,
      "2b7e151628aed2a6abf7158809cf4f3c", "", "", "6bc1bee22e409f96e93d7e117393172a",
      "070a16b46b4d4144f79bdd9dd04a287c", ""},
@@ -157,13 +156,6 @@ const Vector kVectors[] = {
      "2b7e151628aed2a6abf7158809cf4f3c", "000102030405060708090a0b0c0d0e0f", "",
      "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2",
      "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51", ""},
-    {"AES-GCM test case 3 (96-bit nonce)", TEE_ALG_AES_GCM, TEE_MODE_DECRYPT, TEE_TYPE_AES,
-     "feffe9928665731c6d6a8f9467308308", "cafebabefacedbaddecaf888", "",
-     "42831ec2217774244b7221b784d0d49ce3aa212f2c02a4e035c17e2329aca12e21d514b25466931c7d8f6a5aac84"
-     "aa051ba30b396a0aac973d58e091473f5985",
-     "d9313225f88406e5a55909c5aff5269a86a7a9531534f7da2e4c303d8a318a721c3c0c95956809532fcf0e2449a6"
-     "b525b16aedf5aa0de657ba637b391aafd255",
-     "4d5c2af327cd64a62cf35abd2ba6fab4"},
     {"AES-GCM test case 6 (60-byte nonce, AAD)", TEE_ALG_AES_GCM, TEE_MODE_DECRYPT, TEE_TYPE_AES,
      "feffe9928665731c6d6a8f9467308308",
      "9313225df88406e555909c5aff5269aa6a7a9538534f7da1e4c303d2a318a728c3c0c95156809539fcf0e242"
@@ -333,23 +325,12 @@ struct PanicCase {
 // sanitizer build would report any leak).
 const PanicCase kPanics[] = {
     {"an AES key for HMAC",
-     [] {
-         uint8_t key[16] = {};
-         TEE_ObjectHandle aes = TEE_HANDLE_NULL;
-         TEE_OperationHandle hmac = TEE_HANDLE_NULL;
-         TEE_AllocateTransientObject(TEE_TYPE_AES, 128, &aes);
-         TEE_Attribute attribute;
-         TEE_InitRefAttribute(&attribute, TEE_ATTR_SECRET_VALUE, key, sizeof key);
-         TEE_PopulateTransientObject(aes, &attribute, 1);
-         TEE_AllocateOperation(&hmac, TEE_ALG_HMAC_SHA256, TEE_MODE_MAC, 256);
-         TEE_SetOperationKey(hmac, aes);
-     },
+     [] { keyed(TEE_ALG_HMAC_SHA256, TEE_MODE_MAC, secretKey(TEE_TYPE_AES, Bytes(16)), 256); },
      TEE_ERROR_BAD_PARAMETERS},
     {"a freed handle",
      [] {
-         TEE_ObjectHandle object = TEE_HANDLE_NULL;
+         TEE_ObjectHandle object = secretKey(TEE_TYPE_AES, Bytes(16));
          TEE_ObjectInfo info;
-         TEE_AllocateTransientObject(TEE_TYPE_AES, 128, &object);
          TEE_FreeTransientObject(object);
          TEE_GetObjectInfo1(object, &info);
      },
@@ -362,8 +343,7 @@ const PanicCase kPanics[] = {
      TEE_ERROR_BAD_PARAMETERS},
     {"an operation handle as an object",
      [] {
-         TEE_OperationHandle digest = TEE_HANDLE_NULL;
-         TEE_AllocateOperation(&digest, TEE_ALG_SHA256, TEE_MODE_DIGEST, 0);
+         TEE_OperationHandle digest = keyed(TEE_ALG_SHA256, TEE_MODE_DIGEST, TEE_HANDLE_NULL, 0);
          TEE_CloseObject(reinterpret_cast<TEE_ObjectHandle>(digest));
      },
      TEE_ERROR_BAD_PARAMETERS},
@@ -371,9 +351,8 @@ const PanicCase kPanics[] = {
      [] {
          uint8_t block[16] = {};
          size_t size = sizeof block;
-         TEE_OperationHandle cipher = TEE_HANDLE_NULL;
-         TEE_AllocateOperation(&cipher, TEE_ALG_AES_CBC_NOPAD, TEE_MODE_ENCRYPT, 128);
-         TEE_CipherUpdate(cipher, block, 16, block, &size);
+         TEE_CipherUpdate(keyed(TEE_ALG_AES_CBC_NOPAD, TEE_MODE_ENCRYPT, TEE_HANDLE_NULL, 128),
+                          block, 16, block, &size);
      },
      0},
     {"a key larger than the object",
@@ -401,18 +380,14 @@ const PanicCase kPanics[] = {
     {"ECDH with a point off the curve",
      [] {
          uint8_t x[32] = {1}, y[32] = {2};
-         TEE_ObjectHandle pair = TEE_HANDLE_NULL, secret = TEE_HANDLE_NULL;
-         TEE_OperationHandle derive = TEE_HANDLE_NULL;
-         TEE_Attribute attributes[2];
-         TEE_AllocateTransientObject(TEE_TYPE_ECDH_KEYPAIR, 256, &pair);
-         TEE_InitValueAttribute(&attributes[0], TEE_ATTR_ECC_CURVE, TEE_ECC_CURVE_NIST_P256, 0);
-         TEE_GenerateKey(pair, 256, attributes, 1);
-         TEE_AllocateOperation(&derive, TEE_ALG_ECDH_P256, TEE_MODE_DERIVE, 256);
-         TEE_SetOperationKey(derive, pair);
+         TEE_ObjectHandle secret = TEE_HANDLE_NULL;
          TEE_AllocateTransientObject(TEE_TYPE_GENERIC_SECRET, 256, &secret);
-         TEE_InitRefAttribute(&attributes[0], TEE_ATTR_ECC_PUBLIC_VALUE_X, x, sizeof x);
-         TEE_InitRefAttribute(&attributes[1], TEE_ATTR_ECC_PUBLIC_VALUE_Y, y, sizeof y);
-         TEE_DeriveKey(derive, attributes, 2, secret);
+         TEE_Attribute point[2];
+         TEE_InitRefAttribute(&point[0], TEE_ATTR_ECC_PUBLIC_VALUE_X, x, sizeof x);
+         TEE_InitRefAttribute(&point[1], TEE_ATTR_ECC_PUBLIC_VALUE_Y, y, sizeof y);
+         TEE_DeriveKey(
+             keyed(TEE_ALG_ECDH_P256, TEE_MODE_DERIVE, p256KeyPair(TEE_TYPE_ECDH_KEYPAIR), 256),
+             point, 2, secret);
      },
      TEE_ERROR_BAD_PARAMETERS},
     {"deleting an object opened without WRITE_META",
