@@ -161,6 +161,7 @@ TEST(DerTest, MalformedInputIsRefused) {
     };
     const Bytes n = hexBytes("00c5113d"), e = hexBytes("010001");
     const Bytes rsaKey = rsa(n, e);
+    const Bytes ak = hexBytes(zel::vectors::kRsaPublicKey);
 
     struct Case {
         const char* what;
@@ -176,11 +177,10 @@ TEST(DerTest, MalformedInputIsRefused) {
 
         {"long-form length where the short one does", Reader::kPrivate,
          cat({{0x30, 0x81, 0x77}, {device.begin() + 2, device.end()}}), false},
-        {"indefinite length", Reader::kPrivate,
-         cat({{0x30, 0x80}, {device.begin() + 2, device.end()}, {0, 0}}), false},
-        {"long-form length with a zero byte", Reader::kRsa,
-         cat({{0x30, 0x82, 0x00, 0x0b}, {rsaKey.begin() + 2, rsaKey.end()}}), false},
-
+        // Bare, so that a read of the length bytes it does not have is past the input.
+        {"indefinite length", Reader::kPrivate, {0x30, 0x80}, false},
+        {"long-form length with a leading zero byte", Reader::kRsa,
+         cat({{0x30, 0x83, 0x00, 0x01, 0x0a}, {ak.begin() + 4, ak.end()}}), false},
         {"version 2", Reader::kPrivate,
          tlv(0x30, cat({hexBytes("020102"), secret, params, publicKey})), false},
         {"secret zero", Reader::kPrivate, priv(tlv(0x04, Bytes(32, 0)), params, publicKey), false},
