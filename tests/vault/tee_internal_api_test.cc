@@ -325,7 +325,11 @@ struct PanicCase {
 // sanitizer build would report any leak).
 const PanicCase kPanics[] = {
     {"an AES key for HMAC",
-     [] { keyed(TEE_ALG_HMAC_SHA256, TEE_MODE_MAC, secretKey(TEE_TYPE_AES, Bytes(16)), 256); },
+     [] {
+         // Its own statement: no C++ temporary may be alive when the TA panics.
+         TEE_ObjectHandle aes = secretKey(TEE_TYPE_AES, Bytes(16));
+         keyed(TEE_ALG_HMAC_SHA256, TEE_MODE_MAC, aes, 256);
+     },
      TEE_ERROR_BAD_PARAMETERS},
     {"a freed handle",
      [] {
