@@ -32,9 +32,6 @@ TEST_F(ZelTeeClientTest, ConnectedClientInvokesOverTheWholeBlockAndReleasesInRev
         ZELTEEClient client;
         ASSERT_TRUE(client.Open(zel_test));
         auto* record = static_cast<TEEC_SharedMemory*>(client.getSHMPtr());
-        EXPECT_EQ(record->size, 8192u);
-        EXPECT_EQ(record->flags, 3u);
-        EXPECT_NE(record->buffer, nullptr);
         EXPECT_EQ(client.InvokeCommand(0x2d), TEEC_SUCCESS);
 
         ASSERT_EQ(recorder::invocations.size(), 1u);
