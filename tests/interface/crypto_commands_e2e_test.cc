@@ -30,9 +30,6 @@ constexpr int32_t kNoData = static_cast<int32_t>(TEEC_ERROR_NO_DATA);
 int32_t asResult(TEEC_Result result) {
     return static_cast<int32_t>(result);
 }
-Pkey newEcKey() {
-    return Pkey(EVP_EC_gen("P-256"));
-}
 
 Bytes derive(EVP_PKEY* own, EVP_PKEY* peer) {
     const zel::test::PkeyCtx ctx(EVP_PKEY_CTX_new(own, nullptr));
@@ -135,7 +132,7 @@ TEST_F(CryptoCommandsTest, AesThroughTheVaultMatchesNistSp800_38A) {
 }
 
 TEST_F(CryptoCommandsTest, SignaturesVerifyAndAuthKeysMatchOpenSsl) {
-    Pkey device = newEcKey();
+    Pkey device(EVP_EC_gen("P-256"));
     storeEcKey(5, device.get());
     Bytes digest(32);
     RAND_bytes(digest.data(), 32);
@@ -145,7 +142,7 @@ TEST_F(CryptoCommandsTest, SignaturesVerifyAndAuthKeysMatchOpenSsl) {
         0);
     EXPECT_TRUE(zel::test::verifiesDigest(device.get(), digest, signature.bytes()));
 
-    Pkey peer = newEcKey();
+    Pkey peer(EVP_EC_gen("P-256"));
     Bytes peerSpki = derOf(peer.get(), i2d_PUBKEY);
     Out shared;
     ASSERT_EQ(vault.zel_genAuthKey(5, peerSpki.data(), static_cast<unsigned int>(peerSpki.size()),
@@ -160,8 +157,8 @@ TEST_F(CryptoCommandsTest, SignaturesVerifyAndAuthKeysMatchOpenSsl) {
 }
 
 TEST_F(CryptoCommandsTest, HubTokenOpensToItsIdentityAndKeysAndATamperedOneStoresNothing) {
-    Pkey device = newEcKey();
-    Pkey cloud = newEcKey();
+    Pkey device(EVP_EC_gen("P-256"));
+    Pkey cloud(EVP_EC_gen("P-256"));
     storeEcKey(5, device.get());
     const Bytes tokenKey = hkdf(derive(cloud.get(), device.get()), "zel hub token");
     Bytes plain(16 + 32 + 20);

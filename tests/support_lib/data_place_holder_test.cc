@@ -1,6 +1,6 @@
 // The test vector store: which data type gives which bytes, what a small buffer or a wrong type
-// leaves behind, and, checked with OpenSSL alone, that the test cases' AES vectors decrypt under
-// their keys (the keys' DER is checked in der_test).
+// leaves behind, and, checked with OpenSSL alone, that the AES vectors decrypt under their keys
+// (the keys' DER is checked in der_test).
 #include <gtest/gtest.h>
 
 #include <iterator>
@@ -94,11 +94,6 @@ TEST(DataPlaceHolder, StoreKeyReportsTheKeyTypeAndLength) {
     EXPECT_EQ(size, 121u);
     EXPECT_EQ(Bytes(key.begin(), key.begin() + 121), decodeHex(v::kDeviceEcPrivateKey));
 
-    EXPECT_EQ(DataPlaceHolder::fill_zel_storeKey(2, &keyType, key.data(), &size), TEEC_SUCCESS);
-    EXPECT_EQ(keyType, 6);
-    EXPECT_EQ(size, 32u);
-    EXPECT_EQ(Bytes(key.begin(), key.begin() + 32), decodeHex(v::kAesKey));
-
     size = 120;  // one short of the EC key: type is set, size and buffer are not
     key.assign(200, kUnwritten);
     EXPECT_EQ(DataPlaceHolder::fill_zel_storeKey(1, &keyType, key.data(), &size),
@@ -125,12 +120,6 @@ TEST(DataPlaceHolder, SeveralBuffersStopAtTheFirstThatIsTooSmall) {
     EXPECT_EQ(token, decodeHex(v::kHubToken));
     EXPECT_EQ(iv, Bytes(16, kUnwritten));
     EXPECT_EQ(cloud, Bytes(91, kUnwritten));
-
-    EXPECT_EQ(DataPlaceHolder::fill_zel_decryptHubToken(1, token.data(), 241, iv.data(), 16,
-                                                        cloud.data(), 91),
-              TEEC_SUCCESS);
-    EXPECT_EQ(iv, decodeHex(v::kHubTokenIv));
-    EXPECT_EQ(cloud, decodeHex(v::kCloudEcPublicKey));
     EXPECT_EQ(output.lines(), Lines{});
 }
 
@@ -184,9 +173,10 @@ TEST(DataPlaceHolder, CreateZelDataWritesExactlyTheOutputSizeOrNothing) {
     EXPECT_EQ(out, decodeHex("00112233445566778899AABBCCDDEEFF"));
 }
 
-// The second set's AES vectors are proven through the vault by the scenario tests; these five are
-// used by no scenario.
-TEST(TestVectors, TestCaseCiphertextsDecryptUnderTheirKeys) {
+TEST(TestVectors, AesCiphertextsDecryptUnderTheirKeys) {
+    EXPECT_EQ(
+        aes256CbcDecrypt(decodeHex(v::kAesKey), decodeHex(v::kAesIv), decodeHex(v::kAesCiphertext)),
+        decodeHex(v::kAesPlaintext));
     Bytes data(32), enc(48), tcIv(16), tcKey(32);
     for (int index = 1; index <= 5; ++index) {
         ASSERT_EQ(DataPlaceHolder::fill_zel_enc_dec_tc_scenario(

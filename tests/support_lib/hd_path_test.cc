@@ -32,11 +32,7 @@ TEST(HdPath, TwentyBytesAreFiveBigEndianLevelsAndLevelsAboveFourReadTheLast) {
 }
 
 TEST(HdPath, AnyLengthButTwentyOrANullRecordWritesNothing) {
-    const Bytes longer = [] {
-        Bytes bytes = kPath;
-        bytes.push_back(0x01);
-        return bytes;
-    }();
+    const Bytes longer(21, 0xA5);
     const hd_path_param before{1, 2, 3, 4, 5};
     for (unsigned int length : {19u, 21u}) {
         hd_path_param path = before;

@@ -15,17 +15,6 @@ class ZelTeeClientTest : public testing::Test {
     void SetUp() override { recorder::reset(); }
 };
 
-TEST_F(ZelTeeClientTest, NeverOpenedClientCallsNothingAndCannotInvoke) {
-    OutputCapture output;
-    {
-        ZELTEEClient client;
-        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
-        client.Close();
-    }
-    EXPECT_EQ(recorder::calls, Calls{});
-    EXPECT_EQ(output.lines(), Lines{});
-}
-
 TEST_F(ZelTeeClientTest, ConnectedClientInvokesOverTheWholeBlockAndReleasesInReverseOrder) {
     OutputCapture output;
     {
