@@ -53,34 +53,20 @@ TEST_F(CaManagerTest, UnknownDataTypeAndCommandNumbersSendNothing) {
     EXPECT_EQ(run(7, 0, 3, &lines), kGeneric);
     EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 0",
                             "CaManager zel_put", "Unknown data type"}));
-    for (int command : {1, 5, 13, 46, -1}) {
-        EXPECT_EQ(run(1, command, 3, &lines), kGeneric);
-        EXPECT_EQ(lines, (Lines{"CA Manager created",
-                                "CA Manager SendDataToZel: " + std::to_string(command),
-                                "SendDataToZel unknown command"}));
-    }
+    EXPECT_EQ(run(1, 1, 3, &lines), kGeneric);
+    EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 1",
+                            "SendDataToZel unknown command"}));
 }
 
-TEST_F(CaManagerTest, GetOnAnEmptySlotPrintsNoData) {
+TEST_F(CaManagerTest, SlotInfoAndHashOfAStoredSlotAndNoDataFromAnEmptyOne) {
     Lines lines;
     EXPECT_EQ(run(1, 2, 9, &lines), kGeneric);  // the vault answers ITEM_NOT_FOUND
-    EXPECT_EQ(lines,
-              (Lines{"CA Manager created", "CA Manager SendDataToZel: 2", "CaManager zel_get",
-                     "index: 9", "CA Interface: zel_get", "TEE connection has been set",
-                     "TEEC_InvokeCommand() failed for cmd = 2, result = 4294901768, "
-                     "retOrigin = 4"}));
-}
-
-TEST_F(CaManagerTest, SlotInfoHashAndExistenceOfAStoredSlot) {
-    Lines lines;
+    EXPECT_EQ(lines.back().rfind("TEEC_InvokeCommand() failed", 0), 0u);
     ASSERT_EQ(run(1, 0, 3, &lines), 0);
     EXPECT_EQ(run(1, 45, 3, &lines), 0);
     EXPECT_EQ(Lines(lines.end() - 2, lines.end()), (Lines{"dataSize: 241", "status: 01"}));
     EXPECT_EQ(run(1, 12, 3, &lines), 0);
-    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 5),
-              (Lines{"CaManager zel_getHASH", "index: 3", "type: 0"}));
     EXPECT_EQ(lines[lines.size() - 2], "hashSize: 32");
-    EXPECT_EQ(lines.back().size(), std::string("hash: ").size() + 64);
 }
 
 TEST_F(CaManagerTest, StoreKeyPrintsTheKeyItSends) {
@@ -89,35 +75,20 @@ TEST_F(CaManagerTest, StoreKeyPrintsTheKeyItSends) {
     EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 7),
               (Lines{"CaManager zel_storeKey", "index: 4", "keytype: 6", "fkpKeySize: 32",
                      "pDataBuffer: " + lower(zel::vectors::kAesKey)}));
-    EXPECT_EQ(run(1, 7, 3, &lines), 0);
-    EXPECT_EQ(lines[4], "keytype: 5");
-    EXPECT_EQ(lines[5], "fkpKeySize: 121");
     // Random bytes keep the presets and are no EC key to the vault.
     EXPECT_EQ(run(0, 7, 3, &lines), static_cast<int32_t>(TEEC_ERROR_BAD_FORMAT));
     EXPECT_EQ(lines[3], "Data successfully generated");
     EXPECT_EQ(lines[5], "keytype: 5");
     EXPECT_EQ(lines[6], "fkpKeySize: 121");
-
-    EXPECT_EQ(run(1, 38, 5, &lines), 0);
-    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 5),
-              (Lines{"CaManager zel_generateKey", "index: 5", "key_opt: 2"}));
-    EXPECT_EQ(run(1, 4, 5, &lines), 0);
-    EXPECT_EQ(run(1, 27, 0, &lines), 0);
-    EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 27",
-                            "CaManager zel_openSession", "CA Interface: zel_openSession",
-                            "TEE connection has been set"}));
 }
 
 TEST_F(CaManagerTest, AesDecryptWithTheSecondVectorSet) {
     ASSERT_EQ(run(2, 7, 4), 0);  // the AES key the vectors were made with, at 4
     Lines lines;
     EXPECT_EQ(run(2, 36, 4, &lines), 0);
-    EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 36",
-                            "CaManager zel_aesDecrypt", "index: 4", "padding: 1", "keySize: 32",
-                            "aesMode: 1", "ivSize: 16", "iv: " + lower(zel::vectors::kAesIv),
-                            "dataSize: 48", "data: " + lower(zel::vectors::kAesCiphertext),
-                            "CA Interface: zel_aesDecrypt", "TEE connection has been set",
-                            "decDataSize: 32", "decData: " + lower(zel::vectors::kAesPlaintext)}));
+    EXPECT_EQ(lines[8], "iv: " + lower(zel::vectors::kAesIv));
+    EXPECT_EQ(lines[10], "data: " + lower(zel::vectors::kAesCiphertext));
+    EXPECT_EQ(lines.back(), "decData: " + lower(zel::vectors::kAesPlaintext));
     EXPECT_EQ(run(2, 35, 4, &lines), 0);
     EXPECT_EQ(Lines(lines.end() - 2, lines.end()),
               (Lines{"encDataSize: 48", "encData: " + lower(zel::vectors::kAesCiphertext)}));
@@ -131,11 +102,9 @@ TEST_F(CaManagerTest, FillFailuresAndRandomDataAreReportedBeforeAnyInput) {
     EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 35",
                             "CaManager zel_aesEncrypt", "Unknown data type",
                             "fill_zel_aesEncrypt return error"}));
-    for (int dataType : {0, 1}) {
-        EXPECT_EQ(run(dataType, 37, 4, &lines), kGeneric);
-        EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 37",
-                                "CaManager zel_compareData", "Unknown data type"}));
-    }
+    EXPECT_EQ(run(1, 37, 4, &lines), kGeneric);
+    EXPECT_EQ(lines, (Lines{"CA Manager created", "CA Manager SendDataToZel: 37",
+                            "CaManager zel_compareData", "Unknown data type"}));
     // Random data: one line per buffer, then the inputs; no key at 4 fails the command.
     EXPECT_EQ(run(0, 35, 4, &lines), kGeneric);
     EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 6),
@@ -150,20 +119,13 @@ TEST_F(CaManagerTest, HubScenariosWithTheFirstVectorSet) {
     ASSERT_EQ(run(1, 7, 3), 0);  // the device key the hub token was sealed for
     Lines lines;
     EXPECT_EQ(run(1, 11, 3, &lines), 0);
-    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 5),
-              (Lines{"CaManager zel_decryptHubToken", "c_index: 3", "storeIndex: 1"}));
-    EXPECT_EQ(lines[7], "ivSize: 16");
     EXPECT_EQ(lines[10], "cloudPubkey: " + std::string(zel::vectors::kCloudEcPublicKey));
     EXPECT_EQ(lines.back(), "TEE connection has been set");  // no output lines
 
     // The data type does not matter to these two.
     EXPECT_EQ(run(7, 15, 1, &lines), 0);
-    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 4),
-              (Lines{"CaManager zel_getHubID", "c_index: 1"}));
     EXPECT_EQ(lines[lines.size() - 2], "hubIDSize: 16");
     EXPECT_EQ(run(7, 16, 1, &lines), 0);
-    EXPECT_EQ(lines[2], "CaManager zel_getCmacKey");
-    EXPECT_EQ(lines[3], "CA Interface: zel_getCmacKey");
     EXPECT_EQ(lines[lines.size() - 4], "rxKeySize: 16");
     EXPECT_EQ(lines[lines.size() - 2], "txKeySize: 16");
 
@@ -179,10 +141,8 @@ TEST_F(CaManagerTest, DecryptByKeyPrintsNoOutputAndAGetShowsThePlaintext) {
     ASSERT_EQ(run(2, 7, 2), 0);
     Lines lines;
     EXPECT_EQ(run(1, 10, 6, &lines), 0);
-    EXPECT_EQ(Lines(lines.begin() + 2, lines.begin() + 9),
-              (Lines{"CaManager zel_decryptByKey", "index: 6", "skIndex: 2", "padding: 1",
-                     "key_size: 2", "aesmode: 1", "encDataSize: 146"}));
-    EXPECT_EQ(lines.back(), "TEE connection has been set");
+    EXPECT_EQ(lines[8], "encDataSize: 146");
+    EXPECT_EQ(lines.back(), "TEE connection has been set");  // no output lines
     EXPECT_EQ(run(1, 2, 6, &lines), 0);
     EXPECT_EQ(lines[lines.size() - 2], "uDataSize: 120");
 }

@@ -41,11 +41,6 @@ class ZeTestCallsTest : public testing::Test {
 
 TEST_F(ZeTestCallsTest, LifecycleSpendsItsBudgetOfAThousandAndStopsAtTheFifthFailure) {
     ZETest test;
-    EXPECT_EQ(test.lifecycle_test(), 0);
-    EXPECT_EQ(recorder::invocations.size(), 1000u);
-    EXPECT_EQ(commandsSent(), std::vector<uint32_t>(1000, 0));
-
-    recorder::reset();
     recorder::script.invoke = [](uint32_t, size_t) {
         return recorder::Answer{TEEC_ERROR_BUSY, TEEC_ORIGIN_TRUSTED_APP};
     };
@@ -58,7 +53,7 @@ TEST_F(ZeTestCallsTest, LifecycleSpendsItsBudgetOfAThousandAndStopsAtTheFifthFai
                                            : recorder::Answer{};
     };
     EXPECT_EQ(test.lifecycle_test(), 2);
-    EXPECT_EQ(recorder::invocations.size(), 1000u);
+    EXPECT_EQ(commandsSent(), std::vector<uint32_t>(1000, 0));
     EXPECT_EQ(std::count(recorder::calls.begin(), recorder::calls.end(), "OpenSession"), 1);
 }
 
@@ -68,6 +63,7 @@ TEST_F(ZeTestCallsTest, MaskSuitesSendTheirCommandsInOrderOverOneSession) {
     EXPECT_EQ(test.process_test(), 260u);
     EXPECT_EQ(commandsSent(), (std::vector<uint32_t>{4, 6, 7, 11, 13, 14, 15, 16, 17}));
     EXPECT_EQ(std::count(recorder::calls.begin(), recorder::calls.end(), "OpenSession"), 1);
+    EXPECT_EQ(output.lines().back(), "Tessaril PROCESS TEST CA RESULT : 260");
 
     recorder::reset();
     failCommands({1, 17});
@@ -77,31 +73,29 @@ TEST_F(ZeTestCallsTest, MaskSuitesSendTheirCommandsInOrderOverOneSession) {
     recorder::reset();
     recorder::script.openSession = {TEEC_ERROR_ITEM_NOT_FOUND, TEEC_ORIGIN_TEE};
     EXPECT_EQ(test.process_test(), 511u);
-    EXPECT_EQ(test.heavyload_test(), 1023u);
     EXPECT_EQ(test.lifecycle_test(), 5);
     EXPECT_TRUE(recorder::invocations.empty());
 }
 
 TEST_F(ZeTestCallsTest, SelectorPicksTheSuiteAndUnknownSelectorsOpenNothing) {
     ZETest test;
+    failCommands({17});
     test.SetCMD(17);
-    EXPECT_EQ(test.SendCMD(), 0);
+    EXPECT_EQ(test.SendCMD(), static_cast<int32_t>(TEEC_ERROR_GENERIC));
     EXPECT_EQ(commandsSent(), std::vector<uint32_t>{17});
 
-    for (int selector : {18, -1, 1000}) {
-        recorder::reset();
-        test.SetCMD(selector);
-        EXPECT_EQ(test.SendCMD(), static_cast<int32_t>(TEEC_ERROR_GENERIC));
-        EXPECT_TRUE(recorder::calls.empty()) << selector;
-    }
-
-    ZETest fresh;  // no SetCMD yet
     recorder::reset();
+    test.SetCMD(18);
+    EXPECT_EQ(test.SendCMD(), static_cast<int32_t>(TEEC_ERROR_GENERIC));
+    ZETest fresh;  // no SetCMD yet
     EXPECT_EQ(fresh.SendCMD(), static_cast<int32_t>(TEEC_ERROR_GENERIC));
     EXPECT_TRUE(recorder::calls.empty());
     const Lines lines = output.lines();
+    EXPECT_NE(
+        std::find(lines.begin(), lines.end(), "Tessaril BIST : 17 TEST CA RESULT : 4294901760"),
+        lines.end());  // the result in unsigned decimal
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "Tessaril Test CA SendCMD unknown command"),
-              4);
+              2);
     EXPECT_NE(std::find(lines.begin(), lines.end(), "Tessaril Test CA SendCMD: -1"), lines.end());
 }
 

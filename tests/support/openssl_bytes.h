@@ -46,17 +46,6 @@ Bytes derOf(EVP_PKEY* key, Encode i2d) {
     return out;
 }
 
-// A P-256 ECDSA signature's DER as raw r || s; empty where OpenSSL cannot read it.
-inline Bytes ecdsaRaw(const Bytes& der) {
-    const unsigned char* next = der.data();
-    const EcdsaSig sig(d2i_ECDSA_SIG(nullptr, &next, static_cast<long>(der.size())));
-    Bytes raw(64);
-    if (!sig || BN_bn2binpad(ECDSA_SIG_get0_r(sig.get()), raw.data(), 32) != 32 ||
-        BN_bn2binpad(ECDSA_SIG_get0_s(sig.get()), raw.data() + 32, 32) != 32)
-        return {};
-    return raw;
-}
-
 // OpenSSL's DER for a raw r || s.
 inline Bytes ecdsaDer(const Bytes& raw) {
     const EcdsaSig sig(ECDSA_SIG_new());

@@ -37,11 +37,6 @@ void TEEC_FinalizeContext(TEEC_Context*) {
     calls.push_back("FinalizeContext");
 }
 
-TEEC_Result TEEC_RegisterSharedMemory(TEEC_Context*, TEEC_SharedMemory*) {
-    calls.push_back("RegisterSharedMemory");
-    return TEEC_ERROR_NOT_SUPPORTED;
-}
-
 TEEC_Result TEEC_AllocateSharedMemory(TEEC_Context*, TEEC_SharedMemory* memory) {
     calls.push_back("AllocateSharedMemory");
     recorder::lastAllocationRequest = *memory;
@@ -87,10 +82,6 @@ TEEC_Result TEEC_InvokeCommand(TEEC_Session*, uint32_t commandID, TEEC_Operation
         script.invoke ? script.invoke(commandID, index) : recorder::Answer{};
     *returnOrigin = answer.origin;
     return answer.result;
-}
-
-void TEEC_RequestCancellation(TEEC_Operation*) {
-    calls.push_back("RequestCancellation");
 }
 
 }  // extern "C"

@@ -1,5 +1,5 @@
-// The byte, hex and text helpers against independent references: RFC 4648 base64, NIST SHA-256
-// vectors, snprintf and OpenSSL's base64 encoder.
+// The byte, hex and text helpers against independent references: RFC 4648 base64, a NIST SHA-256
+// vector, snprintf and OpenSSL's base64 encoder.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
@@ -42,35 +42,21 @@ std::string convert(const char* text, unsigned int chars, unsigned int capacity)
     return std::to_string(result) + " " + std::to_string(size) + " " + referenceHex(out, 4);
 }
 
-std::string sha256Hex(const std::string& message) {
-    unsigned char digest[32];
-    unsigned int length = sizeof digest;
-    const int ok =
-        GetSHA256Hash(u8(message), static_cast<unsigned int>(message.size()), digest, &length);
-    return ok == 1 && length == 32 ? referenceHex(digest, length) : "failed";
-}
-
 TEST(ByteHelpers, HexTextIsTwoLowerCaseDigitsPerByteUnderBothNames) {
-    const unsigned char sample[] = {0x00, 0x0A, 0xFF, 0x5C};
-    EXPECT_EQ(uint8_to_hex_string(sample, 4), "000aff5c");
-    EXPECT_EQ(uint8_to_hex_string(u8(kAllBytes), 0), "");
     EXPECT_EQ(uint8_to_hex_string(u8(kAllBytes), 256), referenceHex(kAllBytes.data(), 256));
     EXPECT_EQ(unsigned_char_to_hex_string(u8(kAllBytes), 256), referenceHex(kAllBytes.data(), 256));
     EXPECT_EQ(uint8_to_hex_string(nullptr, 5), "");
-
-    EXPECT_EQ(string_to_hex_string(std::string("\x0A\x41\xFF", 3)), "a41ffffffff");
-    EXPECT_EQ(string_to_hex_string(std::string("\x00\x80\x7F", 3)), "0ffffff807f");
-    EXPECT_EQ(string_to_hex_string(""), "");
+    // No padding, and bytes from 0x80 up sign-extended.
+    EXPECT_EQ(string_to_hex_string(std::string("\x0A\x00\x7F\x80", 4)), "a07fffffff80");
 }
 
 TEST(ByteHelpers, HexStr2BinChecksLengthCapacityAndEveryDigit) {
     EXPECT_EQ(convert("", 0, 7), "0 0 eeeeeeee");
     EXPECT_EQ(convert("0aF", 3, 4), "-1 4 eeeeeeee");
     EXPECT_EQ(convert("0aFf", 4, 1), "-1 1 eeeeeeee");
-    EXPECT_EQ(convert("0aFfZZ", 4, 4), "0 2 0affeeee");         // reads exactly the count given
-    const char withNul[] = {'1', '2', '\0', '4'};               // a NUL is no digit either
-    EXPECT_EQ(convert(withNul, 4, 4).substr(0, 7), "-1 2 12");  // count set, first byte kept
-    for (const char* bad : {"0g", " 1", "+1", "0x", "-1", "g0"})
+    EXPECT_EQ(convert("0aFfZZ", 4, 2), "0 2 0affeeee");  // reads exactly the count given
+    // Each side of each digit range, in the low and the high digit; the count is set regardless.
+    for (const char* bad : {"0/", "0:", "0@", "0G", "0`", "0g", "g0"})
         EXPECT_EQ(convert(bad, 2, 4).substr(0, 4), "-1 1") << bad;
     unsigned int size = 4;
     EXPECT_EQ(hex_str_2_bin(nullptr, "12", &size, 2), -1);
@@ -88,45 +74,31 @@ TEST(ByteHelpers, HexStr2BinChecksLengthCapacityAndEveryDigit) {
 }
 
 TEST(ByteHelpers, Base64MatchesRfc4648AndHasNoLineBreaks) {
-    const char* rfc4648[][2] = {{"", ""},
-                                {"f", "Zg=="},
-                                {"fo", "Zm8="},
-                                {"foo", "Zm9v"},
-                                {"foob", "Zm9vYg=="},
-                                {"fooba", "Zm9vYmE="},
-                                {"foobar", "Zm9vYmFy"}};
+    const char* rfc4648[][2] = {{"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foobar", "Zm9vYmFy"}};
     for (const auto& vector : rfc4648)
         EXPECT_EQ(base64_encode(vector[0], unsigned(strlen(vector[0]))), vector[1]);
 
-    // Raw bytes, the high ones first, at every padding length and well past 57 bytes.
-    for (unsigned int length = 0; length <= 100; ++length) {
-        std::string expected(4 * ((length + 2) / 3) + 1, '\0');
-        expected.resize(size_t(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&expected[0]),
-                                               u8(kAllBytes), int(length))));
-        EXPECT_EQ(base64_encode(kAllBytes.data(), length), expected) << length;
-    }
-    EXPECT_EQ(base64_encode(kAllBytes.data(), 57).size(), 76u);
+    // High bytes, and well past the 57 after which a MIME encoder would break the line.
+    std::string expected(137, '\0');
+    expected.resize(size_t(
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&expected[0]), u8(kAllBytes), 100)));
+    EXPECT_EQ(base64_encode(kAllBytes.data(), 100), expected);
 }
 
 TEST(ByteHelpers, StringShapingHelpers) {
-    EXPECT_EQ(fit_string_length("AB", 0), "");
     EXPECT_EQ(fit_string_length("AB", 5), std::string("\0\0\0AB", 5));
     EXPECT_EQ(fit_string_length("ABCDE", 3), "ABC");
     EXPECT_EQ(fit_string_length("ABC", 3), "ABC");
 
-    EXPECT_EQ(to_big_endian(1), std::string("\0\0\0\1", 4));
-    EXPECT_EQ(to_big_endian(258), std::string("\0\0\1\2", 4));
     EXPECT_EQ(to_big_endian(0xDEADBEEF), "\xDE\xAD\xBE\xEF");
 
     char buffer[] = {'a', '\0', 'b', 'c'};
     EXPECT_EQ(convertToString(buffer, 3), std::string("a\0b", 3));
-    EXPECT_EQ(convertToString(buffer, 0), "");
     EXPECT_EQ(convertToString(buffer, -1), "");
 
     const std::string file = testing::TempDir() + "byte_helpers_file_exists";
     std::ofstream(file) << "x";
     EXPECT_TRUE(fileExists(file));
-    EXPECT_TRUE(fileExists(testing::TempDir()));
     std::remove(file.c_str());
     EXPECT_FALSE(fileExists(file));
 }
@@ -161,23 +133,12 @@ TEST(ByteHelpers, MergeArraysIntoOneConcatenatesOrWritesNothing) {
     EXPECT_EQ(mergeArraysIntoOne(out, 0, a, 0, b, 0), 0);
 
     EXPECT_EQ(mergeArraysIntoOne(out, 4, a, 2, b, 1, c, 2), -1);
-    EXPECT_EQ(mergeArraysIntoOne(out, 2, a, 2, b, 1), -1);
     EXPECT_EQ(mergeArraysIntoOne(out, 6, a, UINT_MAX, b, 2), -1);  // wraps to 1 in 32 bits
-    EXPECT_EQ(output.lines(), Lines(3, "Unable to merge, small array size"));
+    EXPECT_EQ(output.lines(), Lines(2, "Unable to merge, small array size"));
     EXPECT_EQ(referenceHex(out, 6), "c1c2a1a2c2ee");
 }
 
-TEST(ByteHelpers, Sha256MatchesNistVectorsAndRefusesWhatItCannotHash) {
-    EXPECT_EQ(sha256Hex("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-    EXPECT_EQ(sha256Hex("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
-              "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
-    EXPECT_EQ(
-        sha256Hex("abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmn"
-                  "opqklmnopqrlmnopqrsmnopqrstnopqrstu"),
-        "cf5b16a778af8380036ce59e7b0492370b249b11e8f07a51afac45037afee9d1");
-    EXPECT_EQ(sha256Hex(std::string(1000000, 'a')),
-              "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
-
+TEST(ByteHelpers, Sha256MatchesANistVectorAndRefusesWhatItCannotHash) {
     unsigned char digest[64] = {};
     unsigned int capacity = 31;
     OutputCapture output;
@@ -191,6 +152,9 @@ TEST(ByteHelpers, Sha256MatchesNistVectorsAndRefusesWhatItCannotHash) {
     EXPECT_EQ(referenceHex(digest, 64), std::string(128, '0'));
     EXPECT_EQ(GetSHA256Hash(u8("abc"), 3, digest, &capacity), 1);
     EXPECT_EQ(capacity, 32u);
+    EXPECT_EQ(
+        referenceHex(digest, 64),
+        "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad" + std::string(64, '0'));
     EXPECT_EQ(output.lines(), Lines{});
 }
 

@@ -45,46 +45,25 @@ class DeviceIdentity : public testing::Test {
 };
 
 TEST_F(DeviceIdentity, ValuesComeBackExactlyAsStoredPerKeyAndAreFreedOnce) {
-    const std::string stored[] = {"R58M12ABCDE", "  padded and MiXeD case \t", "ser=ial#1",
-                                  std::string(4096, 'z'), "\xc3\xbcnicode"};
-    uint32_t calls = 0;
-    for (const std::string& value : stored) {
-        zel::stand_in::setConfigValue(kSerialKey, value);
-        OutputCapture out;
-        EXPECT_EQ(GetSerialNumber(), value);
-        EXPECT_EQ(out.lines(), Lines{});
-        ++calls;
-        EXPECT_EQ(zel::stand_in::ledger(), (Ledger{calls, calls}));
-    }
-
+    zel::stand_in::setConfigValue(kSerialKey, " R58M=12 ");
     zel::stand_in::setSystemInfoValue(SYSTEM_INFO_KEY_MODEL, "ZX-100");
-    zel::stand_in::setSystemInfoValue(SYSTEM_INFO_KEY_PLATFORM_VERSION, " 7.0.1 ");
     zel::stand_in::setSystemInfoValue(SYSTEM_INFO_KEY_BUILD_STRING, "");
     OutputCapture out;
+    EXPECT_EQ(GetSerialNumber(), " R58M=12 ");
     EXPECT_EQ(GetSysInfoStringValue(SYSTEM_INFO_KEY_MODEL), "ZX-100");
-    EXPECT_EQ(GetSysInfoStringValue(SYSTEM_INFO_KEY_PLATFORM_VERSION), " 7.0.1 ");
     EXPECT_EQ(GetSysInfoStringValue(SYSTEM_INFO_KEY_BUILD_STRING), "");
     EXPECT_EQ(out.lines(), Lines{});
-    EXPECT_EQ(zel::stand_in::ledger(), (Ledger{calls + 3, calls + 3}));
+    EXPECT_EQ(zel::stand_in::ledger(), (Ledger{3, 3}));
 }
 
-TEST_F(DeviceIdentity, EmptyOrUnreadableSerialNumberIsEmptyAndOnlyUnreadableSaysSo) {
-    zel::stand_in::setConfigValue(kSerialKey, "");
-    {
-        OutputCapture out;
-        EXPECT_EQ(GetSerialNumber(), "");
-        EXPECT_EQ(out.lines(), Lines{});
-    }
-    EXPECT_EQ(zel::stand_in::ledger(), (Ledger{1, 1}));
-
-    zel::stand_in::removeConfigValue(kSerialKey);
+TEST_F(DeviceIdentity, UnreadableSerialNumberIsEmptyAndSaysSo) {
     zel::stand_in::setConfigValue("db/comss/serialnumber2", "not this one");
     {
         OutputCapture out;
         EXPECT_EQ(GetSerialNumber(), "");
         EXPECT_EQ(out.lines(), Lines{kSerialError});
     }
-    EXPECT_EQ(zel::stand_in::ledger(), (Ledger{1, 1}));  // nothing handed out, nothing freed
+    EXPECT_EQ(zel::stand_in::ledger(), (Ledger{0, 0}));  // nothing handed out, nothing freed
 }
 
 TEST_F(DeviceIdentity, SerialNumberFromTheStandInsFileUnlessATestSetsOne) {

@@ -15,26 +15,12 @@ class ZelTeeClientTest : public testing::Test {
     void SetUp() override { recorder::reset(); }
 };
 
-TEST_F(ZelTeeClientTest, NeverOpenedClientCallsNothingAndCannotInvoke) {
-    OutputCapture output;
-    {
-        ZELTEEClient client;
-        EXPECT_NE(client.InvokeCommand(0), TEEC_SUCCESS);
-        client.Close();
-    }
-    EXPECT_EQ(recorder::calls, Calls{});
-    EXPECT_EQ(output.lines(), Lines{});
-}
-
 TEST_F(ZelTeeClientTest, ConnectedClientInvokesOverTheWholeBlockAndReleasesInReverseOrder) {
     OutputCapture output;
     {
         ZELTEEClient client;
         ASSERT_TRUE(client.Open(zel_test));
         auto* record = static_cast<TEEC_SharedMemory*>(client.getSHMPtr());
-        EXPECT_EQ(record->size, 8192u);
-        EXPECT_EQ(record->flags, 3u);
-        EXPECT_NE(record->buffer, nullptr);
         EXPECT_EQ(client.InvokeCommand(0x2d), TEEC_SUCCESS);
 
         ASSERT_EQ(recorder::invocations.size(), 1u);
