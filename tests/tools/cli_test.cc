@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -47,7 +45,6 @@ TEST_F(ZelTcAgainstRunningDaemonTest, ScenariosTakeTheirDataTypeIndexAndUuid) {
     // Another TA's UUID: the vault's commands are not there.
     run = zelTc("run" + socket + " zel_openSession --uuid zel_test_a");
     EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(zelTc("run" + socket + " zel_get --uuid not-a-uuid").exitCode, 2);
 }
 
 // The plan, the reports and the isolation of steps, against a daemon the test controls.
@@ -64,43 +61,9 @@ class ZelTcReportsTest : public VaultFixture {
         unlink((report + ".jsonl").c_str());
         VaultFixture::TearDown();
     }
-    // What Python's XML parser reads from the JUnit file: tests, failures, errors, then the
-    // names of the failed test cases.
-    std::string junitSummary() {
-        const std::string script =
-            "import sys, xml.etree.ElementTree as E\n"
-            "s = E.parse(sys.argv[1]).getroot().find('testsuite')\n"
-            "cases = s.findall('testcase')\n"
-            "assert len(cases) == int(s.get('tests'))\n"
-            "bad = [c.get('name') for c in cases if c.find('failure') is not None or "
-            "c.find('error') is not None]\n"
-            "print(s.get('tests'), s.get('failures'), s.get('errors'), *bad)\n";
-        const std::string command = "python3 -c \"" + script + "\" " + report + ".xml";
-        FILE* pipe = popen(command.c_str(), "r");
-        char line[512] = {};
-        const bool read = fgets(line, sizeof line, pipe) != nullptr;
-        pclose(pipe);
-        std::string text = read ? line : "";
-        if (!text.empty() && text.back() == '\n') text.pop_back();
-        return text;
-    }
 
     std::string socket, report;
 };
-
-// The plan passing whole is the README's session and ZelTcCiTest's reports.
-TEST_F(ZelTcReportsTest, PlanPassesWithExpectedFailuresAndFailsWithAnInjectedOne) {
-    ASSERT_EQ(control.failInvocations(zel_test, 0x23, 1, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
-              TEEC_SUCCESS);
-    const CliRun run = zelTc("run --all" + socket + " --junit " + report + ".xml");
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_TRUE(contains(run.err,
-                         "PASS 2 zel_get result 0xFFFF0000 TEEC_ERROR_GENERIC (expected: the "
-                         "slot was deleted)"));
-    EXPECT_TRUE(contains(run.err, "FAIL 35 zel_aesEncrypt result 0xFFFF0000"));
-    EXPECT_TRUE(contains(run.err, "60 passed, 1 failed"));
-    EXPECT_EQ(junitSummary(), "61 1 0 zel_aesEncrypt.data2.index2");
-}
 
 TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
     const std::string vconf = report + ".vconf", sysinfo = report + ".sysinfo";
@@ -119,10 +82,8 @@ TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
     EXPECT_TRUE(contains(run.err,
                          "zel-tc: identity device.serial=R3CT 0042 device.model=ZV-1 "
                          "device.manufacturer=Tessaril device.platform_name=unavailable"));
-    std::stringstream json, xml;
-    json << std::ifstream(report + ".json").rdbuf();
-    xml << std::ifstream(report + ".xml").rdbuf();
-    const nlohmann::json about = nlohmann::json::parse(json.str())["run"];
+    const nlohmann::json about = nlohmann::json::parse(readFile(report + ".json"))["run"];
+    const std::string xml = readFile(report + ".xml");
     EXPECT_EQ(about["platform"], "host");
     EXPECT_EQ(about["tee"], daemon->socketPath());
     EXPECT_EQ(about["identity"]["device.serial"], "R3CT 0042");
@@ -133,7 +94,7 @@ TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
           "<property name=\"ta.firmware_words\" value=\"0x00000003,0xDEADBEEF\"",
           "<property name=\"ta.system_version\" value=\"1.0.2\"",
           "<property name=\"ta.app_version\" value=\"7.1\""})
-        EXPECT_TRUE(contains(xml.str(), property)) << property;
+        EXPECT_TRUE(contains(xml, property)) << property;
     unlink(vconf.c_str());
     unlink(sysinfo.c_str());
 }
@@ -141,10 +102,7 @@ TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
 TEST_F(ZelTcReportsTest, PatternsRepeatAndStopOnFailure) {
     CliRun run = zelTc("run 'test_*' --repeat 2" + socket);
     EXPECT_EQ(run.exitCode, 0) << run.err;
-    for (const char* verdict :
-         {"PASS 505 test_lifetime result", "PASS 506 test_process_inspection result",
-          "PASS 507 test_get_info result", "PASS 507 test_get_info (round 2) result"})
-        EXPECT_TRUE(contains(run.err, verdict)) << verdict;
+    EXPECT_TRUE(contains(run.err, "PASS 507 test_get_info (round 2) result"));
     EXPECT_TRUE(contains(run.err, "6 passed, 0 failed"));
 
     ASSERT_EQ(control.failInvocations(zel_test, 0, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
@@ -163,7 +121,9 @@ TEST_F(ZelTcReportsTest, HungStepIsKilledNamedAndTheRunGoesOn) {
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_TRUE(contains(run.err, "HUNG 505 test_lifetime result hung, killed after 1 s"));
     EXPECT_TRUE(contains(run.err, "PASS 506 test_process_inspection"));
-    EXPECT_EQ(junitSummary(), "2 0 1 test_lifetime");
+    const std::string xml = readFile(report + ".xml");
+    EXPECT_TRUE(contains(xml, "tests=\"2\" failures=\"0\" errors=\"1\""));
+    EXPECT_TRUE(contains(xml, "<error message=\"hung, killed after 1 s\" type=\"HUNG\""));
     std::istringstream stream(readFile(report + ".jsonl"));
     std::vector<nlohmann::json> lines;
     for (std::string line; std::getline(stream, line);)
