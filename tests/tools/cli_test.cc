@@ -6,12 +6,10 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "interface/zel_ta_ids.h"
 #include "output_capture.h"
 #include "vault_fixture.h"
-#include "zel_tc_lib.h"
 #include "zel_tc_run.h"
 
 namespace {
@@ -58,7 +56,6 @@ class ZelTcReportsTest : public VaultFixture {
     void TearDown() override {
         unlink((report + ".xml").c_str());
         unlink((report + ".json").c_str());
-        unlink((report + ".jsonl").c_str());
         VaultFixture::TearDown();
     }
 
@@ -111,44 +108,6 @@ TEST_F(ZelTcReportsTest, PatternsRepeatAndStopOnFailure) {
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_FALSE(contains(run.err, "503 process"));
     EXPECT_TRUE(contains(run.err, "0 passed, 1 failed"));
-}
-
-TEST_F(ZelTcReportsTest, HungStepIsKilledNamedAndTheRunGoesOn) {
-    // The stalled TA holds its lock, so the next step talks to the other TA.
-    ASSERT_EQ(control.stallInvocations(zel_test, 0, 1, 5000), TEEC_SUCCESS);
-    const CliRun run = zelTc("run test_lifetime test_process_inspection --timeout 1 --junit " +
-                             report + ".xml --results " + report + ".jsonl" + socket);
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_TRUE(contains(run.err, "HUNG 505 test_lifetime result hung, killed after 1 s"));
-    EXPECT_TRUE(contains(run.err, "PASS 506 test_process_inspection"));
-    const std::string xml = readFile(report + ".xml");
-    EXPECT_TRUE(contains(xml, "tests=\"2\" failures=\"0\" errors=\"1\""));
-    EXPECT_TRUE(contains(xml, "<error message=\"hung, killed after 1 s\" type=\"HUNG\""));
-    std::istringstream stream(readFile(report + ".jsonl"));
-    std::vector<nlohmann::json> lines;
-    for (std::string line; std::getline(stream, line);)
-        lines.push_back(nlohmann::json::parse(line));
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[1]["case"], "test_lifetime");
-    EXPECT_EQ(lines[1]["verdict"], "HUNG");
-    EXPECT_EQ(lines[1]["reason"], "hung, killed after 1 s");
-    EXPECT_TRUE(lines[1]["result"].is_null());
-    EXPECT_EQ(lines[2]["verdict"], "PASS");
-    EXPECT_FALSE(lines[2].contains("reason"));
-}
-
-TEST_F(ZelTcReportsTest, StdoutIsExactlyWhatTheLibraryPrints) {
-    Lines direct;
-    {
-        setenv("ZEL_TEE_SOCKET", daemon->socketPath().c_str(), 1);
-        OutputCapture output;
-        EXPECT_EQ(CaManager(1, 0, zel_test, 3).SendDataToZel(), 0);
-        EXPECT_EQ(CaManager(1, 2, zel_test, 3).SendDataToZel(), 0);
-        direct = output.lines();
-    }
-    const CliRun run = zelTc("run zel_put zel_get --data-type 1 --index 3" + socket);
-    EXPECT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out, direct);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -18,8 +17,8 @@
 #include <chrono>
 #include <climits>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <regex>
 #include <set>
@@ -28,6 +27,7 @@
 
 #include "control_ids.h"
 #include "interface/zel_ta_ids.h"
+#include "process_probe.h"
 #include "vault_fixture.h"
 #include "zel_tc_run.h"
 
@@ -36,15 +36,13 @@ extern char** environ;
 namespace {
 
 using nlohmann::json;
+using zel::test::eventually;
 
 std::vector<std::string> entries(const std::string& directory) {
     std::vector<std::string> names;
-    if (DIR* listing = opendir(directory.c_str())) {
-        while (const dirent* entry = readdir(listing))
-            if (std::string(entry->d_name) != "." && std::string(entry->d_name) != "..")
-                names.push_back(entry->d_name);
-        closedir(listing);
-    }
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, error))
+        names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
 }
@@ -63,14 +61,6 @@ std::vector<pid_t> processesMentioning(const std::string& text) {
             found.push_back(pid);
     }
     return found;
-}
-
-bool waitFor(const std::function<bool()>& condition, int milliseconds = 20000) {
-    for (int waited = 0; waited < milliseconds; waited += 20) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return condition();
 }
 
 // A folder of its own per test, as $TMPDIR of the zel-tc it runs, so that what a private daemon
@@ -134,7 +124,8 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
     ASSERT_EQ(control.stallInvocations(zel_test, 0, 1, 4000), TEEC_SUCCESS);
     pid_t zelTc = start("run test_process_inspection test_lifetime process --socket " +
                         daemon->socketPath() + reported + " --results " + results());
-    ASSERT_TRUE(waitFor([&] { return resultLines() >= 2; }));  // the run and the first step
+    // The run and the first step.
+    ASSERT_TRUE(eventually([&] { return resultLines() >= 2; }, 20000));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     kill(zelTc, SIGINT);
     EXPECT_EQ(finish(zelTc), 130) << err();
@@ -143,6 +134,9 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
     ASSERT_EQ(report["steps"].size(), 2u) << report;
     EXPECT_EQ(report["steps"][0]["verdict"], "PASS");
     EXPECT_EQ(report["steps"][1]["verdict"], "INTERRUPTED");
+    EXPECT_EQ(report["steps"][1]["reason"], "interrupted by SIGINT");
+    EXPECT_TRUE(report["steps"][1]["result"].is_null());
+    EXPECT_FALSE(report["steps"][0].contains("reason"));
     EXPECT_EQ(report["run"]["interrupted"], "SIGINT");
     const std::string xml = readFile(reports + "/r.xml");
     EXPECT_TRUE(contains(xml, "name=\"test_process_inspection\""));
@@ -153,7 +147,7 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
     for (const int signal : {SIGTERM, SIGHUP}) {
         unlink(results().c_str());
         zelTc = start("run --all --repeat 100 --results " + results());
-        ASSERT_TRUE(waitFor([&] { return resultLines() >= 3; }));
+        ASSERT_TRUE(eventually([&] { return resultLines() >= 3; }, 20000));
         ASSERT_EQ(processesMentioning(tmp).size(), 1u);
         kill(zelTc, signal);
         EXPECT_EQ(finish(zelTc), 128 + signal) << err();
@@ -165,10 +159,10 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
     // the next run removes the folder left behind.
     unlink(results().c_str());
     zelTc = start("run --all --repeat 100 --results " + results());
-    ASSERT_TRUE(waitFor([&] { return resultLines() >= 3; }));
+    ASSERT_TRUE(eventually([&] { return resultLines() >= 3; }, 20000));
     kill(-zelTc, SIGKILL);
     finish(zelTc);
-    EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
+    EXPECT_TRUE(eventually([&] { return processesMentioning(tmp).empty(); }));
     EXPECT_EQ(entries(tmp).size(), 1u);
     // The folder's lock must be older than a folder still being made.
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
@@ -177,10 +171,10 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
 
     // SIGKILL to zel-tc alone: its daemon notices and ends itself.
     zelTc = start("run --all --repeat 100");
-    ASSERT_TRUE(waitFor([&] { return processesMentioning(tmp).size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return processesMentioning(tmp).size() == 1; }, 20000));
     kill(zelTc, SIGKILL);
     finish(zelTc);
-    EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
+    EXPECT_TRUE(eventually([&] { return processesMentioning(tmp).empty(); }));
 }
 
 // fuzz and bench, stopped by a signal, still say and write what they have, exit 128 + the signal
@@ -190,12 +184,12 @@ TEST_F(ZelTcCiTest, FuzzAndBenchStopOnASignalAndKeepWhatTheyHave) {
     // the exit status, the line naming the signal, and nothing left running or in $TMPDIR.
     const auto interrupt = [&](const std::string& arguments, int signal, const std::string& says) {
         const pid_t zelTc = start(arguments);
-        ASSERT_TRUE(waitFor([&] { return processesMentioning(tmp).size() == 1; }));
+        ASSERT_TRUE(eventually([&] { return processesMentioning(tmp).size() == 1; }, 20000));
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         kill(zelTc, signal);
         EXPECT_EQ(finish(zelTc), 128 + signal) << err();
         EXPECT_TRUE(contains(err(), says));
-        EXPECT_TRUE(waitFor([&] { return processesMentioning(tmp).empty(); }, 5000));
+        EXPECT_TRUE(eventually([&] { return processesMentioning(tmp).empty(); }));
         EXPECT_EQ(entries(tmp), std::vector<std::string>{});
     };
 
@@ -532,13 +526,17 @@ TEST_F(ZelTcCiTest, LavaScriptReportsEveryStepWithoutTheHelpers) {
         "");
     EXPECT_EQ(starting("lava-test-case "), 4);
 
-    // One run, no sets; a hung step is a fail whose reason is in the log.
+    // One run, no sets; a hung step is killed, an error in the JUnit report and a fail whose
+    // reason is in the log, and the run goes on.
     ASSERT_EQ(control.stallInvocations(zel_test, 0, 1, 5000), TEEC_SUCCESS);
     EXPECT_EQ(script("-s 'test_lifetime test_process_inspection' -t 1"), 1);
     EXPECT_EQ(inOrder({"zel-tc: test_lifetime HUNG: hung, killed after 1 s",
                        "lava-test-case test_lifetime --result fail" + seconds + absent,
-                       "lava-test-case test_process_inspection --result pass" + seconds + absent}),
+                       "lava-test-case test_process_inspection --result pass" + seconds + absent,
+                       "<testsuites name=\"zel-tc\" tests=\"2\" failures=\"0\" errors=\"1\" .*",
+                       " *<error message=\"hung, killed after 1 s\" type=\"HUNG\" />"}),
               "");
+    EXPECT_EQ(starting("zel-tc: HUNG 505 test_lifetime result hung, killed after 1 s"), 1);
     EXPECT_EQ(starting("lava-test-set"), 0);
     EXPECT_EQ(script("-s process"), 0);
 }
