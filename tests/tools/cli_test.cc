@@ -43,24 +43,9 @@ TEST_F(ZelTcAgainstRunningDaemonTest, ScenariosTakeTheirDataTypeIndexAndUuid) {
     EXPECT_EQ(run.exitCode, 1);
 }
 
-// The plan, the reports and the isolation of steps, against a daemon the test controls.
-class ZelTcReportsTest : public VaultFixture {
-  protected:
-    void SetUp() override {
-        VaultFixture::SetUp();
-        socket = " --socket " + daemon->socketPath();
-        report = testing::TempDir() + "zel_tc_report_" + std::to_string(getpid());
-    }
-    void TearDown() override {
-        unlink((report + ".xml").c_str());
-        unlink((report + ".json").c_str());
-        VaultFixture::TearDown();
-    }
-
-    std::string socket, report;
-};
-
-TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
+TEST_F(ZelTcAgainstRunningDaemonTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
+    const std::string socket = " --socket " + daemon->socketPath();
+    const std::string report = testing::TempDir() + "zel_tc_report_" + std::to_string(getpid());
     const std::string vconf = report + ".vconf", sysinfo = report + ".sysinfo";
     std::ofstream(vconf) << "db/comss/serialnumber=R3CT 0042\n";
     std::ofstream(sysinfo) << "model=ZV-1\nmanufacturer=Tessaril\n";
@@ -88,11 +73,12 @@ TEST_F(ZelTcReportsTest, EveryReportNamesTheDeviceAndFirmwareItRanAgainst) {
           "<property name=\"ta.system_version\" value=\"1.0.2\"",
           "<property name=\"ta.app_version\" value=\"7.1\""})
         EXPECT_TRUE(contains(xml, property)) << property;
-    unlink(vconf.c_str());
-    unlink(sysinfo.c_str());
+    for (const char* suffix : {".vconf", ".sysinfo", ".xml", ".json"})
+        unlink((report + suffix).c_str());
 }
 
-TEST_F(ZelTcReportsTest, PatternsRepeatAndStopOnFailure) {
+TEST_F(ZelTcAgainstRunningDaemonTest, PatternsRepeatAndStopOnFailure) {
+    const std::string socket = " --socket " + daemon->socketPath();
     CliRun run = zelTc("run 'test_*' --repeat 2" + socket);
     EXPECT_EQ(run.exitCode, 0) << run.err;
     EXPECT_TRUE(contains(run.err, "PASS 507 test_get_info (round 2) result"));
