@@ -1,10 +1,6 @@
 #!/usr/bin/env bash
-# The Debian packages as a device or a laptop gets them: built with dpkg-buildpackage from a copy
-# of the source, checked by lintian (no error or warning allowed), searched for platform-named libraries in
-# the library path, then - as root - installed with dpkg -i, used (the whole plan through the
-# installed zel-tc, the C++ example built against the installed -dev and run), and removed, with
-# nothing of theirs left behind.
-#
+# The Debian packages built from a copy of the source, checked by lintian and for platform-named
+# libraries in the library path, then (as root) installed, used and purged without a trace.
 #   debian_packages_test.sh SOURCE_DIR EXAMPLE_DIR
 # Exit 0 passed, 1 failed, 77 skipped (not root: packages built and checked, not installed).
 set -euo pipefail
@@ -41,11 +37,9 @@ for package in libzel-tc-lib0 zel-tc zel-host-tee; do
   [ -f "$(deb "$package-dbgsym")" ] || fail "no debug symbols package for $package"
 done
 
-# --- lintian: errors and warnings fail; what it says otherwise is printed. ---
+# --- lintian: errors and warnings fail. ---
 lintian --fail-on error,warning "$work"/libzel-tc-lib_*_"$arch".changes >"$work/lintian.log" 2>&1 ||
   { cat "$work/lintian.log"; fail "lintian reports errors or warnings"; }
-grep -v '^running with root' "$work/lintian.log" || true
-grep -qE '^(E|W):' "$work/lintian.log" && fail "lintian reports errors or warnings"
 
 # --- What each package holds. ---
 for package in "${packages[@]}"; do
@@ -63,7 +57,6 @@ dpkg-deb -I "$(deb libzel-tc-lib0)" shlibs | grep "^libzel-tc-lib 0 libzel-tc-li
   fail "libzel-tc-lib0 has no shlibs entry"
 dpkg-deb -I "$(deb libzel-tc-lib0)" triggers | grep "ldconfig" >/dev/null ||
   fail "libzel-tc-lib0 has no ldconfig trigger"
-file -L "$work/src/debian/zel-tc/usr/bin/zel-tc" | grep ", stripped" >/dev/null || fail "zel-tc is not stripped"
 echo "packages: built, lintian clean, no platform-named library in the library path"
 
 if [ "$(id -u)" -ne 0 ]; then
@@ -82,9 +75,6 @@ installed_here=true
 dpkg -i $(for package in "${packages[@]}"; do deb "$package"; done) >"$work/install.log" 2>&1 ||
   { cat "$work/install.log"; fail "dpkg -i failed"; }
 for package in "${packages[@]}"; do dpkg -L "$package"; done >"$work/installed.files"
-if grep -E "/$platform_names" "$work/installed.files" | grep -v "/zel-tc-lib/"; then
-  fail "dpkg -L shows a platform-named library in the library path"
-fi
 ldconfig -p | grep -F "libzel-tc-lib.so.0 " >/dev/null || fail "ldconfig does not know the library"
 ldconfig -p | grep -E "$platform_names" && fail "ldconfig finds a platform-named library"
 
@@ -111,8 +101,5 @@ while read -r path; do
   [ -d "$path" ] && continue  # folders shared with other packages stay
   [ -e "$path" ] && fail "$path is left after dpkg --purge"
 done <"$work/installed.files"
-for package in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep 'installed' >/dev/null && fail "$package is still installed"
-done
 [ -e "/usr/lib/$multiarch/zel-tc-lib" ] && fail "the private folder is left"
 echo "packages: installed, the plan and the example ran, removed cleanly"

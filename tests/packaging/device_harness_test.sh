@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
-# zel-tc built for the device, end to end: the host stand-ins are installed as a device platform
-# lays out its libraries and headers (its libteec is the host TEE client), the library and zel-tc
-# are built in device mode against that tree, and the device zel-tc runs the whole plan against a
-# zel-vaultd reached as the platform's default TEE.
-#
+# zel-tc built in device mode against the host stand-ins installed as a device platform (its
+# libteec is the host TEE client) runs the whole plan against a zel-vaultd as the default TEE.
 #   device_harness_test.sh HOST_BUILD_DIR SOURCE_DIR           build zel-tc for the device, run it
 #   device_harness_test.sh HOST_BUILD_DIR --zel-tc PATH --libs DIR
 #                                  run a device zel-tc built elsewhere (a package's), its library in DIR
@@ -28,8 +25,6 @@ fail() { echo "device harness: $*" >&2; exit 1; }
 
 platform=$work/platform
 cmake --install "$host_build" --component platform --prefix "$platform" >/dev/null
-[ -f "$platform/lib/libteec.so" ] && [ -f "$platform/include/qeru/qeru_wsm.h" ] ||
-  fail "the platform tree is incomplete"
 
 if [ -z "$zel_tc" ]; then
   cmake -S "$source_dir" -B "$work/build" -DZEL_PLATFORM=device -DZEL_BUILD_TESTS=OFF \
@@ -59,17 +54,15 @@ for _ in $(seq 300); do [ -S "$ZEL_TEE_SOCKET" ] && break; sleep 0.1; done
 [ -S "$ZEL_TEE_SOCKET" ] || { cat "$work/vaultd.log"; fail "zel-vaultd did not start"; }
 
 printf 'db/comss/serialnumber=DEV-0001\n' >"$work/vconf"
-ZEL_VCONF_FILE=$work/vconf device "$zel_tc" run --all --junit "$work/report.xml" --json "$work/report.json" \
+ZEL_VCONF_FILE=$work/vconf device "$zel_tc" run --all --junit "$work/report.xml" \
   >"$work/plan.out" 2>"$work/plan.err" || { tail -30 "$work/plan.err"; fail "the plan failed"; }
 grep -q "zel-tc: 61 passed, 0 failed" "$work/plan.err" || { tail "$work/plan.err"; fail "not 61 passed"; }
 grep -q '<property name="platform" value="device"' "$work/report.xml" || fail "no platform property"
 grep -q '<property name="device.serial" value="DEV-0001"' "$work/report.xml" || fail "no serial"
 grep -q '<property name="ta.firmware_words" value="0x00000001,' "$work/report.xml" ||
   fail "no firmware words"
-grep -q '"device.serial": "DEV-0001"' "$work/report.json" || fail "no identity in the JSON report"
 
 # The fuzzer reaches the device's TEE too: a short campaign over the clean vault finds nothing.
-
 device "$zel_tc" fuzz --runs 150 --seed 3 --quiet --out "$work/findings" --json "$work/fuzz.json" \
   --transcript "$work/fuzz.txt" >"$work/fuzz.out" 2>"$work/fuzz.err" ||
   { tail -20 "$work/fuzz.err"; fail "the fuzz campaign failed"; }
@@ -83,7 +76,7 @@ cmp -s <(sed 's/ => .*//' "$work/fuzz.txt") <(sed 's/ => .*//' "$work/host-fuzz.
 [ "$(grep -c ' => 0x00000000 origin:4' "$work/fuzz.txt")" -gt 100 ] || fail "few answers in the transcript"
 
 # What needs the host TEE is refused, with exit 2.
-for arguments in "vault status" "vault fail --cmd 7" "run process --socket $ZEL_TEE_SOCKET"; do
+for arguments in "vault fail --cmd 7" "run process --socket $ZEL_TEE_SOCKET"; do
   status=0
   # shellcheck disable=SC2086  # one argument per word
   device "$zel_tc" $arguments >"$work/refused.out" 2>"$work/refused.err" || status=$?

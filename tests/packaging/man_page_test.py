@@ -14,41 +14,28 @@ import sys
 OPTION = re.compile(r"--[a-z][a-z0-9-]*")
 
 
-def helpSections(command):
-    """The names under 'Subcommands:' and the long options under 'Options:' of one --help."""
-    text = subprocess.run(command + ["--help"], capture_output=True, text=True, check=True).stdout
-    subcommands, options, section = [], set(), None
-    for line in text.splitlines():
-        if line and not line.startswith(" "):
-            section = line.rstrip(":")
-        elif section == "Subcommands" and line.startswith("  ") and line[2] != " ":
-            subcommands.append(line.split()[0])
-        elif section == "Options" and line.lstrip().startswith("-"):
-            # The first column only: a help text may mention other options.
-            options.update(OPTION.findall(re.split(r"\s{2,}", line.strip())[0]))
-    return subcommands, options
-
-
 def walk(program):
-    """Every subcommand path and every long option of the program, depth first."""
+    """Every subcommand path and every long option of the program, from each level's --help."""
     paths, options, pending = [], set(), [[]]
     while pending:
         path = pending.pop()
-        subcommands, found = helpSections([program] + path)
-        options |= found
-        for name in subcommands:
-            paths.append(path + [name])
-            pending.append(path + [name])
+        text = subprocess.run([program] + path + ["--help"], capture_output=True, text=True,
+                              check=True).stdout
+        section = None
+        for line in text.splitlines():
+            if line and not line.startswith(" "):
+                section = line.rstrip(":")
+            elif section == "Subcommands" and line.startswith("  ") and line[2] != " ":
+                paths.append(path + [line.split()[0]])
+                pending.append(paths[-1])
+            elif section == "Options" and line.lstrip().startswith("-"):
+                # The first column only: a help text may mention other options.
+                options.update(OPTION.findall(re.split(r"\s{2,}", line.strip())[0]))
     return paths, options
-
-
-def mentions(text, word):
-    return re.search(r"(?<![\w-])" + re.escape(word) + r"(?![\w-])", text) is not None
 
 
 def main():
     page, program = sys.argv[1], sys.argv[2]
-    problems = []
     name = os.path.basename(program)
     # The page as words: minus signs as hyphens, font changes gone.
     text = re.sub(r"\\f[BIRP]", "", open(page, encoding="utf-8").read().replace("\\-", "-"))
@@ -57,18 +44,16 @@ def main():
                  lambda block: "\n".join(line for line in block.group(0).splitlines()
                                          if not re.match(r"[\w-]+ ", line) or
                                          line.startswith(name + " ")), text)
+    named = lambda word: re.search(r"(?<![\w-])" + re.escape(word) + r"(?![\w-])", text)
 
     paths, options = walk(program)
-    if not paths and not options - {"--help"}:
-        problems.append(f"{program} --help shows nothing to check")
-    for path in paths:
-        if not mentions(text, path[-1]):
-            problems.append(f"the page does not name the subcommand '{' '.join(path)}'")
-    for option in sorted(options):
-        if not mentions(text, option):
-            problems.append(f"the page does not name the option {option}")
-    for option in sorted(set(OPTION.findall(own)) - options):
-        problems.append(f"the page names {option}, which {name} does not take")
+    problems = [] if paths or options - {"--help"} else [f"{program} --help shows nothing"]
+    problems += [f"the page does not name the subcommand '{' '.join(path)}'"
+                 for path in paths if not named(path[-1])]
+    problems += [f"the page does not name the option {option}"
+                 for option in sorted(options) if not named(option)]
+    problems += [f"the page names {option}, which {name} does not take"
+                 for option in sorted(set(OPTION.findall(own)) - options)]
 
     if shutil.which("man") is None:
         problems.append("man is not installed (man-db): the page's formatting was not checked")
@@ -83,11 +68,10 @@ def main():
 
     for problem in problems:
         print(f"{page}: {problem}", file=sys.stderr)
-    if problems:
-        return 1
-    print(f"{page}: {len(paths)} subcommands and {len(options)} options of "
-          f"{name}, all named; man formats it cleanly")
-    return 0
+    if not problems:
+        print(f"{page}: {len(paths)} subcommands and {len(options)} options of "
+              f"{name}, all named; man formats it cleanly")
+    return 1 if problems else 0
 
 
 if __name__ == "__main__":

@@ -14,15 +14,7 @@ MASKS = [(re.compile(r"\d+\.\d{3} s\b"), "T s"), (re.compile(r"zel-vaultd \d+ ")
 
 def sessions(readme):
     """Each fenced block that runs zel-tc: a list of (command, expected lines)."""
-    blocks, block = [], None
-    for line in readme.splitlines():
-        if line.startswith("```"):
-            if block is not None:
-                blocks.append("\n".join(block))
-            block = None if block is not None else []
-        elif block is not None:
-            block.append(line)
-    for block in blocks:
+    for block in re.findall(r"^```[^\n]*\n(.*?)^```", readme, re.M | re.S):
         if "$ ./build/bin/zel-tc" not in block:
             continue
         steps = []

@@ -23,10 +23,6 @@ def plan_line(steps, prefix, change):
                 return
 
 
-def plan_result(steps):
-    steps[20].update(result="0xFFFF0006", result_name="TEEC_ERROR_BAD_PARAMETERS")
-
-
 def fuzz_line(lines, marker, change):
     i = next(i for i, line in enumerate(lines) if marker.search(line))
     lines[i] = change(lines[i])
@@ -37,7 +33,8 @@ SIGNATURE = re.compile(r" 0x09 .*=> 0x00000000 origin:4 uint:\d+ blob:30")
 # What is changed in the DUT's copy, and the words its difference must be named with.
 PLAN = [
     ("a hash byte", lambda s: plan_line(s, "hash: ", lambda l: flip(l, 6)), "zel_getHash), line 9: not the same"),
-    ("a result", plan_result, "zel_put): result"),
+    ("a result", lambda s: s[20].update(result="0xFFFF0006", result_name="TEEC_ERROR_BAD_PARAMETERS"),
+     "zel_put): result"),
     ("a signature of the right size, in its r", lambda s: plan_line(
         s, "signature: ", lambda l: flip(l, 40)), "does not verify against the signer's key"),
 ]

@@ -44,11 +44,6 @@ class FuzzE2eTest : public VaultFixture {
 TEST_F(FuzzE2eTest, EachKindOfFindingIsCaughtAtItsCall) {
     const Sequence calls = {put(2, {1, 2, 3}), withIndex(zel::cmd::zel_get, 2),
                             withIndex(zel::cmd::zel_getSlotInfo, 2)};
-    Verdict clean = run(calls);
-    EXPECT_EQ(clean.kind, FindingKind::kNone) << clean.detail;
-    EXPECT_EQ(clean.callsRun, 3u);
-    EXPECT_EQ(clean.result, TEEC_SUCCESS);
-
     const struct {
         TEEC_Result result;
         uint32_t origin;

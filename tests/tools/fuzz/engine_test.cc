@@ -146,7 +146,6 @@ TEST(FuzzReproducerTest, RoundTripsThroughItsFile) {
     EXPECT_EQ(read.seed, written.seed);
     EXPECT_EQ(read.detail, written.detail);
     EXPECT_EQ(read.calls, written.calls);
-    EXPECT_EQ(formatReproducer(read), formatReproducer(written));
 }
 
 TEST(FuzzReproducerTest, BadFilesAreRefusedNamingTheLine) {
@@ -215,11 +214,9 @@ TEST(FuzzMinimizeTest, KeepsOnlyTheCallsTheFindingNeeds) {
     EXPECT_EQ(minimal[2].id, 19u);
     EXPECT_LE(tests, 60u);
 
-    // The last call alone.
     EXPECT_EQ(minimize(
                   numbered(24), [](const Sequence& c) { return c.back().id == 23; }, 200),
               (Sequence{{Ta::kVault, 23, {}}}));
-    // A finding that needs everything keeps everything.
     EXPECT_EQ(minimize(
                   numbered(6), [](const Sequence& c) { return c.size() == 6; }, 200),
               numbered(6));
