@@ -1,6 +1,6 @@
 // The store under a daemon killed at random moments and under storage faults: every acknowledged
-// write reads back, a write in flight is all there or not at all, and a read-only or full
-// filesystem is a clear error and a clean refusal, never a crash or a silently lost write.
+// write reads back, a write in flight is all there or not at all, and a full filesystem is a
+// clear error and a clean refusal, never a crash or a silently lost write.
 #include <gtest/gtest.h>
 
 #include <sys/mount.h>
@@ -8,8 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <map>
 #include <random>
@@ -109,24 +107,9 @@ TEST_F(DurabilityTest, EveryAcknowledgedWriteSurvivesFiftyKills) {
     std::cerr << "acknowledged writes across 50 kills: " << writes << std::endl;
 }
 
-TEST_F(DurabilityTest, AStoreOnAReadOnlyFilesystemIsRefusedAtStart) {
-    if (!mountSmallFilesystem("size=4m,mode=0700"))
-        GTEST_SKIP() << "NOT TESTED: this machine does not let the test mount a tmpfs (needs root)";
-    ASSERT_TRUE(startDaemon());
-    EXPECT_TRUE(daemon_->stop());
-    // A filesystem with writers open cannot be remounted read-only, so this is checked at start.
-    ASSERT_EQ(mount(nullptr, storeDirectory().c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0)
-        << std::strerror(errno);
-
-    EXPECT_FALSE(startDaemon());
-    // The same store, writable again, is taken: the refusal was the filesystem's.
-    ASSERT_EQ(mount(nullptr, storeDirectory().c_str(), nullptr, MS_REMOUNT, nullptr), 0);
-    EXPECT_TRUE(startDaemon());
-}
-
-// What a full store keeps and refuses is the object store's to answer (StoreFileTest); here, that
-// the TA's code for it reaches the client, the daemon serves on, and writes go through once there
-// is room again.
+// The store's code for a full filesystem reaches the client through the TA, the daemon serves
+// on, and writes go through once there is room again. A new store on a full filesystem is the
+// object store's to refuse (StoreFileTest).
 TEST_F(DurabilityTest, AFullFilesystemFailsWritesWithItsCodeAndTheDaemonServesOn) {
     if (!mountSmallFilesystem("size=512k,mode=0700"))
         GTEST_SKIP() << "NOT TESTED: this machine does not let the test mount a tmpfs (needs root)";
@@ -152,25 +135,6 @@ TEST_F(DurabilityTest, AFullFilesystemFailsWritesWithItsCodeAndTheDaemonServesOn
     unlink((storeDirectory() + "/filler").c_str());
     const Bytes again = dataFor(31, 4);
     EXPECT_EQ(vault.zel_put(31, again.data(), static_cast<unsigned int>(again.size())), 0);
-}
-
-TEST_F(DurabilityTest, SecureProcessorStateSurvivesKillAndRestart) {
-    ASSERT_TRUE(startDaemon());
-    OutputCapture output;
-    Bytes key(540);
-    ASSERT_EQ(DataPlaceHolder::fill_zel_publicKey(1, key.data(), 540), TEEC_SUCCESS);
-    CaZelInterfaceSp secureProcessor(zel_test_a);
-    ASSERT_EQ(secureProcessor.zel_akProvision(key.data(), 540), 0);
-    daemon_->kill();
-
-    ASSERT_TRUE(startDaemon());
-    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), 0);
-    ASSERT_EQ(secureProcessor.zel_removeAkKeys(), 0);
-    ASSERT_TRUE(daemon_->stop());
-
-    ASSERT_TRUE(startDaemon());
-    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(),
-              static_cast<int32_t>(TEEC_ERROR_ITEM_NOT_FOUND));
 }
 
 }  // namespace

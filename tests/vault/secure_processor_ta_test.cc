@@ -35,9 +35,9 @@ class SecureProcessorTaTest : public VaultFixture {
     OutputCapture output;
 };
 
-TEST_F(SecureProcessorTaTest, AkKeyIsProvisionedCheckedBoundAndRemoved) {
-    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), kNotFound);
-    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), kNotFound);
+// The plan's run checks the commands' answers along its way (provision, check, status, bind,
+// remove, check again); here, what it never meets.
+TEST_F(SecureProcessorTaTest, AkKeyIsRefusedMismatchedBoundAndRemoved) {
     EXPECT_EQ(secureProcessor.zel_akProvisionRPMB(), kNotFound);  // nothing to bind yet
 
     // Text that is not hexadecimal, or hexadecimal that is no RSA public key, is refused.
@@ -53,16 +53,10 @@ TEST_F(SecureProcessorTaTest, AkKeyIsProvisionedCheckedBoundAndRemoved) {
     EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), kNotFound);
 
     ASSERT_EQ(secureProcessor.zel_akProvision(key.data(), 540), 0);
-    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), 0);
-    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), 0);
     std::vector<unsigned char> other = key;
     other[539] = other[539] == '0' ? '1' : '0';
     EXPECT_EQ(secureProcessor.zel_checkZelAk(other.data(), 540), kSecurity);
-    EXPECT_EQ(secureProcessor.zel_akProvisionRPMB(), 0);
-
-    EXPECT_EQ(secureProcessor.zel_removeAkKeys(), 0);
-    EXPECT_EQ(secureProcessor.zel_getPublicKeyStatus(), kNotFound);
-    EXPECT_EQ(secureProcessor.zel_checkZelAk(key.data(), 540), kNotFound);
+    ASSERT_EQ(secureProcessor.zel_removeAkKeys(), 0);
     EXPECT_EQ(secureProcessor.zel_removeAkKeys(), 0);  // removing nothing is no error
 
     ASSERT_EQ(secureProcessor.zel_akProvision(key.data(), 540), 0);
@@ -72,8 +66,6 @@ TEST_F(SecureProcessorTaTest, AkKeyIsProvisionedCheckedBoundAndRemoved) {
 
 TEST_F(SecureProcessorTaTest, SelfTestFailsWhileAHackIsReportedUntilTheProcessorRecovers) {
     EXPECT_EQ(hackStatus(), Bytes(9, 0));
-    EXPECT_EQ(secureProcessor.zel_selfTestAll(), 0);
-
     set(SP_HACK_STATUS, {0x00, 0x01, 0x80});
     EXPECT_EQ(hackStatus(), (Bytes{0x00, 0x01, 0x80, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(secureProcessor.zel_selfTestAll(), kSecurity);
@@ -97,7 +89,6 @@ TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
     EXPECT_EQ(app, "7.1");
     EXPECT_EQ(result.zelCode, 0);
     EXPECT_EQ(result.firmwareCode, 0);
-    EXPECT_EQ(secureProcessor.zel_updateFW(0), 0);
 
     // A failed update: the report carries its codes, the plain command fails.
     const int32_t codes[2] = {1, -51};
@@ -117,9 +108,7 @@ TEST_F(SecureProcessorTaTest, FirmwareUpdateReportsTheConfiguredOutcome) {
     EXPECT_EQ(control.setSecureProcessor(99, Bytes(4)), TEEC_ERROR_BAD_PARAMETERS);
 }
 
-TEST_F(SecureProcessorTaTest, PlainCommandsIgnoreTheBlockAndUnknownIdsAreNotSupported) {
-    EXPECT_EQ(secureProcessor.zel_getInfo(), 0);
-    EXPECT_EQ(secureProcessor.zel_getAppInfo(), 0);
+TEST_F(SecureProcessorTaTest, UnknownIdsAreNotSupportedAndPlainCommandsIgnoreTheBlock) {
     // The vault TA's numbers are not the secure processor's.
     ZELTEEClient client;
     ASSERT_TRUE(client.Open(zel_test_a));

@@ -1,10 +1,10 @@
 // The Internal Core API the daemon gives its TAs, called as a TA calls it: inside runInTa, so
 // that a panic ends the call and leaves a context to destroy. Known answers come from the
-// public vectors (FIPS 180-2, RFC 4231, RFC 4493, SP 800-38A, McGrew and Viega's GCM test cases),
-// one per algorithm and mode: GCM's is the case with a 60-byte nonce and AAD.
+// public vectors (RFC 4493, SP 800-38A, McGrew and Viega's GCM test cases), for what the TAs
+// never do and so the end-to-end tests never see: AES-128, and input split over updates. GCM's
+// is the case with a 60-byte nonce and AAD.
 #include <gtest/gtest.h>
 
-#include <openssl/core_names.h>
 #include <sqlite3.h>
 #include <tee_internal_api.h>
 
@@ -52,8 +52,7 @@ bool inTa(TaContext& context, Body& body, uint32_t* panicCode = nullptr) {
 // Helpers for TA bodies. They panic only where a test means them to.
 TEE_ObjectHandle secretKey(uint32_t type, const Bytes& key) {
     TEE_ObjectHandle object = TEE_HANDLE_NULL;
-    const uint32_t bits = type == TEE_TYPE_HMAC_SHA256 ? 1024 : uint32_t(key.size() * 8);
-    EXPECT_EQ(TEE_AllocateTransientObject(type, bits, &object), TEE_SUCCESS);
+    EXPECT_EQ(TEE_AllocateTransientObject(type, uint32_t(key.size() * 8), &object), TEE_SUCCESS);
     TEE_Attribute attribute;
     TEE_InitRefAttribute(&attribute, TEE_ATTR_SECRET_VALUE, key.data(), key.size());
     EXPECT_EQ(TEE_PopulateTransientObject(object, &attribute, 1), TEE_SUCCESS);
@@ -138,13 +137,6 @@ struct Vector {
 };
 
 const Vector kVectors[] = {
-    {"SHA-256 abc", TEE_ALG_SHA256, TEE_MODE_DIGEST, 0, "", "", "", "616263",
-     "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", ""},
-    {"HMAC-SHA-256 RFC 4231 case 4", TEE_ALG_HMAC_SHA256, TEE_MODE_MAC, TEE_TYPE_HMAC_SHA256,
-     "0102030405060708090a0b0c0d0e0f10111213141516171819", "", "",
-     "cdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcdcd"  // 50 x cd
-     "cdcdcdcdcdcdcdcdcdcd",
-     "82558a389a443c0ea4cc819899f2083a85f0faa3e578f8077a2e3ff46729665b", ""},
     {"AES-CMAC RFC 4493 16 bytes", TEE_ALG_AES_CMAC, TEE_MODE_MAC, TEE_TYPE_AES,
      "2b7e151628aed2a6abf7158809cf4f3c", "", "", "6bc1bee22e409f96e93d7e117393172a",
      "070a16b46b4d4144f79bdd9dd04a287c", ""},
@@ -152,10 +144,6 @@ const Vector kVectors[] = {
      "2b7e151628aed2a6abf7158809cf4f3c", "000102030405060708090a0b0c0d0e0f", "",
      "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51",
      "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2", ""},
-    {"AES-128-CBC SP 800-38A decrypt", TEE_ALG_AES_CBC_NOPAD, TEE_MODE_DECRYPT, TEE_TYPE_AES,
-     "2b7e151628aed2a6abf7158809cf4f3c", "000102030405060708090a0b0c0d0e0f", "",
-     "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2",
-     "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51", ""},
     {"AES-GCM test case 6 (60-byte nonce, AAD)", TEE_ALG_AES_GCM, TEE_MODE_DECRYPT, TEE_TYPE_AES,
      "feffe9928665731c6d6a8f9467308308",
      "9313225df88406e555909c5aff5269aa6a7a9538534f7da1e4c303d2a318a728c3c0c95156809539fcf0e242"
@@ -178,23 +166,12 @@ TEST_F(TeeApiTest, KnownAnswerVectorsInPiecesAndTamperedGcmTag) {
                         input = hex(vector.input), expected = hex(vector.output),
                         tag = hex(vector.tag);
             const size_t split = std::min<size_t>(7, input.size());
-            TEE_ObjectHandle object =
-                vector.keyType ? secretKey(vector.keyType, key) : TEE_HANDLE_NULL;
-            TEE_OperationHandle operation =
-                keyed(vector.algorithm, vector.mode, object, vector.keyType ? 256 : 0);
+            TEE_ObjectHandle object = secretKey(vector.keyType, key);
+            TEE_OperationHandle operation = keyed(vector.algorithm, vector.mode, object, 256);
             TEE_FreeTransientObject(object);  // the operation keeps its own copy
             Bytes output(input.size() + 64, 0xEE);
             size_t first = output.size(), last = 0;
             switch (vector.algorithm) {
-                case TEE_ALG_SHA256:
-                    TEE_DigestUpdate(operation, input.data(), split);
-                    last = output.size();
-                    EXPECT_EQ(TEE_DigestDoFinal(operation, input.data() + split,
-                                                input.size() - split, output.data(), &last),
-                              TEE_SUCCESS);
-                    first = 0;
-                    break;
-                case TEE_ALG_HMAC_SHA256:
                 case TEE_ALG_AES_CMAC:
                     TEE_MACInit(operation, nullptr, 0);
                     TEE_MACUpdate(operation, input.data(), split);
@@ -259,18 +236,16 @@ TEST_F(TeeApiTest, ShortBuffersAnswerTheSizeNeededAndChangeNothing) {
         EXPECT_EQ(TEE_GetObjectBufferAttribute(aes, TEE_ATTR_SECRET_VALUE, buffer, &size),
                   TEE_ERROR_SHORT_BUFFER);
         EXPECT_EQ(size, 16u);
-        EXPECT_EQ(TEE_GetObjectBufferAttribute(aes, TEE_ATTR_SECRET_VALUE, buffer, &size),
-                  TEE_SUCCESS);
-        EXPECT_EQ(Bytes(buffer, buffer + size), key);
         EXPECT_EQ(TEE_GetObjectBufferAttribute(aes, TEE_ATTR_ECC_PUBLIC_VALUE_X, buffer, &size),
                   TEE_ERROR_ITEM_NOT_FOUND);
 
         // A digest whose buffer was short has not taken the chunk: the retry hashes "abc" once.
         TEE_OperationHandle digest = keyed(TEE_ALG_SHA256, TEE_MODE_DIGEST, TEE_HANDLE_NULL, 0);
+        TEE_DigestUpdate(digest, "a", 1);
         size = 31;
-        EXPECT_EQ(TEE_DigestDoFinal(digest, "abc", 3, buffer, &size), TEE_ERROR_SHORT_BUFFER);
+        EXPECT_EQ(TEE_DigestDoFinal(digest, "bc", 2, buffer, &size), TEE_ERROR_SHORT_BUFFER);
         EXPECT_EQ(size, 32u);
-        EXPECT_EQ(TEE_DigestDoFinal(digest, "abc", 3, buffer, &size), TEE_SUCCESS);
+        EXPECT_EQ(TEE_DigestDoFinal(digest, "bc", 2, buffer, &size), TEE_SUCCESS);
         EXPECT_EQ(Bytes(buffer, buffer + size),
                   hex("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
 
@@ -331,24 +306,11 @@ const PanicCase kPanics[] = {
          keyed(TEE_ALG_HMAC_SHA256, TEE_MODE_MAC, aes, 256);
      },
      TEE_ERROR_BAD_PARAMETERS},
-    {"a freed handle",
-     [] {
-         TEE_ObjectHandle object = secretKey(TEE_TYPE_AES, Bytes(16));
-         TEE_ObjectInfo info;
-         TEE_FreeTransientObject(object);
-         TEE_GetObjectInfo1(object, &info);
-     },
-     TEE_ERROR_BAD_PARAMETERS},
+    // Not in this TA's table, like a freed handle or an operation's: the one handle check.
     {"another TA's handle",
      [] {
          TEE_ObjectInfo info;
          TEE_GetObjectInfo1(foreignHandle, &info);
-     },
-     TEE_ERROR_BAD_PARAMETERS},
-    {"an operation handle as an object",
-     [] {
-         TEE_OperationHandle digest = keyed(TEE_ALG_SHA256, TEE_MODE_DIGEST, TEE_HANDLE_NULL, 0);
-         TEE_CloseObject(reinterpret_cast<TEE_ObjectHandle>(digest));
      },
      TEE_ERROR_BAD_PARAMETERS},
     {"a cipher update before init",
@@ -473,14 +435,13 @@ TEST_F(TeeApiTest, HeapLimitMakesMallocAndAllocationsFail) {
     EXPECT_EQ(small.heapInUse(), 0u);
 }
 
-TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
+// What the TAs do with their objects (overwrite, whole reads, delete) is their commands' to show
+// end to end; here, what they never do.
+TEST_F(TeeApiTest, PersistentObjectsConflictsPartialReadsSharingAndOwners) {
     run([] {
-        EXPECT_EQ(readObject("slot.1"), "error 0xffff0008");  // not found
         EXPECT_EQ(createObject("slot.1", "hello", TEE_DATA_FLAG_ACCESS_READ), TEE_SUCCESS);
         EXPECT_EQ(createObject("slot.1", "other", TEE_DATA_FLAG_ACCESS_READ),
                   TEE_ERROR_ACCESS_CONFLICT);
-        EXPECT_EQ(readObject("slot.1"), "hello");
-        EXPECT_EQ(createObject("slot.1", "bye!!", TEE_DATA_FLAG_OVERWRITE), TEE_SUCCESS);
         EXPECT_EQ(createObject("empty", "", 0), TEE_SUCCESS);
         EXPECT_EQ(readObject("empty"), "");
 
@@ -492,7 +453,7 @@ TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
         char buffer[8];
         size_t count = 0;
         EXPECT_EQ(TEE_ReadObjectData(object, buffer, 3, &count), TEE_SUCCESS);
-        EXPECT_EQ(std::string(buffer, count), "bye");
+        EXPECT_EQ(std::string(buffer, count), "hel");
         TEE_ObjectInfo info;
         EXPECT_EQ(TEE_GetObjectInfo1(object, &info), TEE_SUCCESS);
         EXPECT_EQ(info.objectType, TEE_TYPE_DATA);
@@ -501,7 +462,7 @@ TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
         EXPECT_EQ(info.handleFlags, TEE_HANDLE_FLAG_PERSISTENT | TEE_HANDLE_FLAG_INITIALIZED |
                                         TEE_DATA_FLAG_ACCESS_READ | TEE_DATA_FLAG_SHARE_READ);
         EXPECT_EQ(TEE_ReadObjectData(object, buffer, sizeof buffer, &count), TEE_SUCCESS);
-        EXPECT_EQ(std::string(buffer, count), "!!");
+        EXPECT_EQ(std::string(buffer, count), "lo");
         EXPECT_EQ(TEE_ReadObjectData(object, buffer, sizeof buffer, &count), TEE_SUCCESS);
         EXPECT_EQ(count, 0u);
 
@@ -525,13 +486,6 @@ TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
             TEE_CreatePersistentObject(TEE_STORAGE_PRIVATE, "key", 3, 0, key, nullptr, 0, &object),
             TEE_ERROR_NOT_SUPPORTED);
         TEE_FreeTransientObject(key);
-
-        ASSERT_EQ(TEE_OpenPersistentObject(TEE_STORAGE_PRIVATE, "slot.1", 6,
-                                           TEE_DATA_FLAG_ACCESS_WRITE_META, &object),
-                  TEE_SUCCESS);
-        EXPECT_EQ(TEE_CloseAndDeletePersistentObject1(object), TEE_SUCCESS);
-        EXPECT_EQ(readObject("slot.1"), "error 0xffff0008");
-        EXPECT_EQ(createObject("slot.1", "mine", 0), TEE_SUCCESS);
     });
 
     // Another TA has a storage of its own under the same ids.
@@ -543,64 +497,22 @@ TEST_F(TeeApiTest, PersistentObjectsCreateOverwriteReadDeleteAndShare) {
             EXPECT_EQ(readObject("slot.1"), "theirs");
         },
         &other);
-    run([] { EXPECT_EQ(readObject("slot.1"), "mine"); });
-    EXPECT_EQ(store_->clear(), TEE_SUCCESS);
-    run([] { EXPECT_EQ(readObject("slot.1"), "error 0xffff0008"); }, &other);
+    run([] { EXPECT_EQ(readObject("slot.1"), "hello"); });
     EXPECT_EQ(ta_->handlesInUse(), 0u);
 }
 
-// Whether OpenSSL finds signature (GP's r || s) good for digest under the P-256 point (x, y).
-bool verifies(const Bytes& x, const Bytes& y, const Bytes& digest, const Bytes& signature) {
-    Bytes point{0x04};
-    point.insert(point.end(), x.begin(), x.end());
-    point.insert(point.end(), y.begin(), y.end());
-    OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME,
-                                         const_cast<char*>("prime256v1"), 0),
-        OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY, point.data(), point.size()),
-        OSSL_PARAM_construct_end()};
-    const zel::test::PkeyCtx context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
-    EVP_PKEY* key = nullptr;
-    if (context && EVP_PKEY_fromdata_init(context.get()) == 1)
-        EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, params);
-    const zel::test::Pkey owned(key);
-    return zel::test::verifiesDigest(key, digest, zel::test::ecdsaDer(signature));
-}
-
-// ECDH is checked against OpenSSL's derivation end to end (CryptoCommandsTest).
-TEST_F(TeeApiTest, EcdsaSignatureOfAGeneratedKeyVerifiesWithOpenSsl) {
-    run([] {
-        TEE_ObjectHandle pair = p256KeyPair(TEE_TYPE_ECDSA_KEYPAIR);
-        TEE_ObjectInfo info;
-        EXPECT_EQ(TEE_GetObjectInfo1(pair, &info), TEE_SUCCESS);
-        EXPECT_EQ(info.objectSize, 256u);
-        const Bytes x = coordinate(pair, TEE_ATTR_ECC_PUBLIC_VALUE_X),
-                    y = coordinate(pair, TEE_ATTR_ECC_PUBLIC_VALUE_Y);
-        TEE_OperationHandle sign = keyed(TEE_ALG_ECDSA_SHA256, TEE_MODE_SIGN, pair, 256);
-        Bytes digest(32);
-        TEE_GenerateRandom(digest.data(), digest.size());
-        Bytes signature(72, 0);
-        size_t size = signature.size();
-        EXPECT_EQ(TEE_AsymmetricSignDigest(sign, nullptr, 0, digest.data(), digest.size(),
-                                           signature.data(), &size),
-                  TEE_SUCCESS);
-        ASSERT_EQ(size, 64u);
-        signature.resize(size);
-        EXPECT_TRUE(verifies(x, y, digest, signature));
-        digest[0] ^= 1;
-        EXPECT_FALSE(verifies(x, y, digest, signature));
-        TEE_FreeOperation(sign);
-        TEE_FreeTransientObject(pair);
-    });
-}
-
-// What the TAs do before deriving: y^2 = x^3 - 3x + b (mod p) on P-256.
+// What the TAs do before deriving: y^2 = x^3 - 3x + b (mod p) on P-256. A generated key's point
+// is on the curve; keying a signature with one (ShortBuffers...) checks that its private value
+// goes with the point, and OpenSSL verifies the vault's signatures end to end (CryptoCommandsTest).
 TEST_F(TeeApiTest, BigIntegersCheckAPointAgainstTheCurve) {
     run([] {
         constexpr size_t kWords = TEE_BigIntSizeInU32(256);
         const Bytes p = hex("ffffffff00000001000000000000000000000000ffffffffffffffffffffffff");
         const Bytes b = hex("5ac635d8aa3a93e7b3ebbd55769886bc651d06b0cc53b0f63bce3c3e27d2604b");
         TEE_ObjectHandle pair = p256KeyPair(TEE_TYPE_ECDH_KEYPAIR);
+        TEE_ObjectInfo info;
+        EXPECT_EQ(TEE_GetObjectInfo1(pair, &info), TEE_SUCCESS);
+        EXPECT_EQ(info.objectSize, 256u);
         const Bytes x = coordinate(pair, TEE_ATTR_ECC_PUBLIC_VALUE_X);
         Bytes y = coordinate(pair, TEE_ATTR_ECC_PUBLIC_VALUE_Y);
         TEE_FreeTransientObject(pair);
@@ -714,19 +626,9 @@ TEST_F(StoreFileTest, StoresOfAnotherLayoutOrNotAFileAreRefused) {
     EXPECT_TRUE(contains(error, "cannot open the vault store"));
 }
 
-// Fills the filesystem under folder; false when the filler could not be written.
-bool fill(const std::string& file) {
-    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (fd < 0) return false;
-    const std::vector<char> chunk(4096, 'f');
-    while (write(fd, chunk.data(), chunk.size()) > 0) {
-    }
-    const bool full = errno == ENOSPC;
-    close(fd);
-    return full;
-}
-
-TEST_F(StoreFileTest, FullFilesystemRefusesANewStoreWithItsReasonAndFailsWritesCleanly) {
+// A full store's writes are the daemon's to refuse with their code (DurabilityTest); here, a new
+// store that cannot be made.
+TEST_F(StoreFileTest, FullFilesystemRefusesANewStoreWithItsReason) {
     if (geteuid() != 0) GTEST_SKIP() << "NOT TESTED: a full filesystem needs root to mount a tmpfs";
     if (mount("tmpfs", directory_.c_str(), "tmpfs", 0, "size=512k,mode=0700") != 0)
         GTEST_SKIP() << "NOT TESTED: cannot mount a small tmpfs: " << std::strerror(errno);
@@ -734,9 +636,14 @@ TEST_F(StoreFileTest, FullFilesystemRefusesANewStoreWithItsReasonAndFailsWritesC
         std::string at;
         ~Unmount() { umount2(at.c_str(), MNT_DETACH); }
     } unmount{directory_};
-    const std::string filler = directory_ + "/filler";
-
-    ASSERT_TRUE(fill(filler));
+    const int filler = ::open((directory_ + "/filler").c_str(), O_WRONLY | O_CREAT, 0600);
+    ASSERT_GE(filler, 0);
+    const std::vector<char> chunk(4096, 'f');
+    while (write(filler, chunk.data(), chunk.size()) > 0) {
+    }
+    const int full = errno;
+    close(filler);
+    ASSERT_EQ(full, ENOSPC);
     std::string error;
     EXPECT_FALSE(ObjectStore::open(path_, error));
     EXPECT_TRUE(contains(error, "cannot open the vault store " + path_ + ": "));
@@ -746,22 +653,6 @@ TEST_F(StoreFileTest, FullFilesystemRefusesANewStoreWithItsReasonAndFailsWritesC
     EXPECT_FALSE(contains(error, "not an error"));
     // Nothing half-made is left to be taken for another program's database.
     EXPECT_NE(access(path_.c_str(), F_OK), 0);
-
-    ASSERT_EQ(unlink(filler.c_str()), 0);
-    auto store = ObjectStore::open(path_, error);
-    ASSERT_TRUE(store) << error;
-    TaContext ta(*store, kVault, kHeap);
-    auto before = [] { EXPECT_EQ(createObject("kept", "acknowledged", 0), TEE_SUCCESS); };
-    ASSERT_TRUE(inTa(ta, before));
-
-    ASSERT_TRUE(fill(filler));
-    auto full = [] {
-        const std::string big(128 * 1024, 'b');
-        EXPECT_EQ(createObject("big", big, 0), TEE_ERROR_STORAGE_NO_SPACE);
-        EXPECT_EQ(readObject("big"), "error 0xffff0008");
-        EXPECT_EQ(readObject("kept"), "acknowledged");
-    };
-    EXPECT_TRUE(inTa(ta, full));  // what is left goes with the tmpfs
 }
 
 }  // namespace
