@@ -98,7 +98,6 @@ TEST_F(DaemonLoadTest, ClientsKilledInsideAStalledInvocationLeaveTheTaUsable) {
     CaZelInterface vault(zel_test);
     const unsigned char data[] = {1, 2, 3};
     EXPECT_EQ(vault.zel_put(9, data, 3), 0);
-    EXPECT_EQ(vault.zel_checkDataExistence(9, 0), 0);
     EXPECT_TRUE(zel::test::settlesTo(pid, threads + kReserve, descriptors));
 }
 

@@ -31,7 +31,6 @@ TEST(IdTable, IdsAreFoundUntilErasedAndTheCapacityIsRefusedNotExceeded) {
     IdTable<int, 4> table;
     EXPECT_EQ(table.find(1), nullptr);
     for (uint32_t id = 1; id <= 4; ++id) EXPECT_TRUE(table.add(id, static_cast<int>(id * 10)));
-    EXPECT_TRUE(table.full());
     EXPECT_FALSE(table.add(5, 50)) << "a fifth entry in a table of four";
     EXPECT_EQ(table.find(5), nullptr);
 

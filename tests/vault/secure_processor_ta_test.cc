@@ -65,7 +65,6 @@ TEST_F(SecureProcessorTaTest, AkKeyIsRefusedMismatchedBoundAndRemoved) {
 }
 
 TEST_F(SecureProcessorTaTest, SelfTestFailsWhileAHackIsReportedUntilTheProcessorRecovers) {
-    EXPECT_EQ(hackStatus(), Bytes(9, 0));
     set(SP_HACK_STATUS, {0x00, 0x01, 0x80});
     EXPECT_EQ(hackStatus(), (Bytes{0x00, 0x01, 0x80, 0, 0, 0, 0, 0, 0}));
     EXPECT_EQ(secureProcessor.zel_selfTestAll(), kSecurity);
