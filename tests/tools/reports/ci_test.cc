@@ -123,7 +123,6 @@ TEST_F(ZelTcCiTest, InterruptedRunsReportWhatFinishedAndLeaveNothingRunning) {
     ASSERT_EQ(control.stallInvocations(zel_test, 0, 1, 4000), TEEC_SUCCESS);
     pid_t zelTc = start("run test_process_inspection test_lifetime process --socket " +
                         daemon->socketPath() + reported + " --results " + results());
-    // The run and the first step.
     ASSERT_TRUE(eventually([&] { return resultLines() >= 2; }, 20000));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     kill(zelTc, SIGINT);
@@ -305,7 +304,6 @@ TEST_F(ZelTcCiTest, ReportsAreReadByJunitparserAndMatchTheSchema) {
     EXPECT_EQ(deleted["result"], "0xFFFF0000");
     EXPECT_EQ(deleted["result_name"], "TEEC_ERROR_GENERIC");
     EXPECT_EQ(deleted["expected"], "0xFFFF0000");
-    EXPECT_EQ(step("zel_storeKey.data2.index2")["result_name"], "TEEC_SUCCESS");
     EXPECT_TRUE(contains(step("ze_getFWInfo")["stderr"].dump(), "zel-tc: firmware words 1 0 2"));
 
     const auto [read, text] = shell(ZEL_JUNIT_READER " " + reports + "/r.xml");
