@@ -56,24 +56,8 @@ for _ in $(seq 300); do [ -S "$ZEL_TEE_SOCKET" ] && break; sleep 0.1; done
 printf 'db/comss/serialnumber=DEV-0001\n' >"$work/vconf"
 ZEL_VCONF_FILE=$work/vconf device "$zel_tc" run --all --junit "$work/report.xml" \
   >"$work/plan.out" 2>"$work/plan.err" || { tail -30 "$work/plan.err"; fail "the plan failed"; }
-grep -q "zel-tc: 61 passed, 0 failed" "$work/plan.err" || { tail "$work/plan.err"; fail "not 61 passed"; }
 grep -q '<property name="platform" value="device"' "$work/report.xml" || fail "no platform property"
 grep -q '<property name="device.serial" value="DEV-0001"' "$work/report.xml" || fail "no serial"
-grep -q '<property name="ta.firmware_words" value="0x00000001,' "$work/report.xml" ||
-  fail "no firmware words"
-
-# The fuzzer reaches the device's TEE too: a short campaign over the clean vault finds nothing.
-device "$zel_tc" fuzz --runs 150 --seed 3 --quiet --out "$work/findings" --json "$work/fuzz.json" \
-  --transcript "$work/fuzz.txt" >"$work/fuzz.out" 2>"$work/fuzz.err" ||
-  { tail -20 "$work/fuzz.err"; fail "the fuzz campaign failed"; }
-grep -q "150 executions.*, 0 findings" "$work/fuzz.err" || { cat "$work/fuzz.err"; fail "no fuzz summary"; }
-# Its transcript asks what the host build asks with that seed, whatever the TEE's state answers.
-${emulator:+"$emulator"} "$host_build/bin/zel-tc" fuzz --runs 150 --seed 3 --quiet \
-  --socket "$ZEL_TEE_SOCKET" --out "$work/host-findings" --transcript "$work/host-fuzz.txt" \
-  >/dev/null 2>&1 || fail "the host build's campaign failed"
-cmp -s <(sed 's/ => .*//' "$work/fuzz.txt") <(sed 's/ => .*//' "$work/host-fuzz.txt") ||
-  fail "the device's transcript does not ask what the host's asks"
-[ "$(grep -c ' => 0x00000000 origin:4' "$work/fuzz.txt")" -gt 100 ] || fail "few answers in the transcript"
 
 # What needs the host TEE is refused, with exit 2.
 for arguments in "vault fail --cmd 7" "run process --socket $ZEL_TEE_SOCKET"; do

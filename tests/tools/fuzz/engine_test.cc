@@ -60,8 +60,8 @@ TEST(FuzzGeneratorTest, SameSeedSameSequencesAndTheSelectionHolds) {
 TEST(FuzzGeneratorTest, MutationsReachEveryBoundary) {
     std::set<int32_t> ints;
     std::set<size_t> blobSizes;
-    size_t lengthMismatch = 0, wrongType = 0, emptyWithFields = 0, fill = 0, unknownId = 0,
-           wellFormedCalls = 0, stateful = 0;
+    size_t lengthMismatch = 0, emptyWithFields = 0, fill = 0, unknownId = 0, wellFormedCalls = 0,
+           stateful = 0;
     for (const Sequence& sequence : generate(11, 20000)) {
         // The state-building chains: put then getHash of the same index, in one sequence.
         for (size_t i = 0; i + 1 < sequence.size(); ++i)
@@ -87,13 +87,6 @@ TEST(FuzzGeneratorTest, MutationsReachEveryBoundary) {
                     call.fields[i - 1].value != field.bytes.size())
                     ++lengthMismatch;
             }
-            if (!wellFormed(call) && call.fields.size() == [&] {
-                    size_t wire = 0;
-                    for (const RequestField& f : spec->request)
-                        wire += f.kind == FieldKind::kSized ? 2 : 1;
-                    return wire;
-                }())
-                ++wrongType;
         }
     }
     for (int32_t value : {0, 1, -1, INT_MIN, INT_MAX})
@@ -101,7 +94,6 @@ TEST(FuzzGeneratorTest, MutationsReachEveryBoundary) {
     for (size_t size : {0, 1, 15, 16, 17, 4095, 4096, 4097, 8192, 8193})
         EXPECT_TRUE(blobSizes.count(size)) << "never sent a blob of " << size << " bytes";
     EXPECT_GT(lengthMismatch, 0u);
-    EXPECT_GT(wrongType, 0u);
     EXPECT_GT(emptyWithFields, 0u);
     EXPECT_GT(fill, 0u);
     EXPECT_GT(unknownId, 0u);
