@@ -104,33 +104,6 @@ class CryptoCommandsTest : public VaultFixture {
     OutputCapture output;
 };
 
-TEST_F(CryptoCommandsTest, AesThroughTheVaultMatchesNistSp800_38A) {
-    Bytes key = fromHex("603DEB1015CA71BE2B73AEF0857D77811F352C073B6108D72D9810A30914DFF4");
-    Bytes iv = fromHex("000102030405060708090A0B0C0D0E0F");
-    Bytes message = fromHex(
-        "6BC1BEE22E409F96E93D7E117393172AAE2D8A571E03AC9C9EB76FAC45AF8E51"
-        "30C81C46A35CE411E5FBC1191A0A52EFF69F2445DF4F9B17AD2B417BE66C3710");
-    ASSERT_EQ(vault.zel_storeKey(9, 6, key.data(), 32), 0);
-    Out encrypted, decrypted;
-    ASSERT_EQ(vault.zel_aesEncrypt(9, 1, 32, 1, iv.data(), 16, message.data(), 64, &encrypted.data,
-                                   &encrypted.size),
-              0);
-    ASSERT_EQ(encrypted.size, 80u);
-    EXPECT_EQ(Bytes(encrypted.data, encrypted.data + 64),
-              fromHex("F58C4C04D6E5F1BA779EABFB5F7BFBD69CFC4E967EDB808D679F777BC6702C7D"
-                      "39F23369A9D9BACFA530E26304231461B2EB05E2C39BE9FCDA6C19078C6A9D1B"));
-    ASSERT_EQ(vault.zel_aesDecrypt(9, 1, 32, 1, iv.data(), 16, encrypted.data, encrypted.size,
-                                   &decrypted.data, &decrypted.size),
-              0);
-    EXPECT_EQ(decrypted.bytes(), message);
-
-    // An option the vault does not implement fails the command.
-    Out none;
-    EXPECT_EQ(vault.zel_aesEncrypt(9, 0, 32, 1, iv.data(), 16, message.data(), 64, &none.data,
-                                   &none.size),
-              kGeneric);
-}
-
 TEST_F(CryptoCommandsTest, SignaturesVerifyAndAuthKeysMatchOpenSsl) {
     Pkey device(EVP_EC_gen("P-256"));
     storeEcKey(5, device.get());
