@@ -30,18 +30,6 @@ TEST_F(CaManagerSpTest, FirmwareInformationPrintsTenSignedWords) {
                      "8: 0", "9: 0"}));
 }
 
-TEST_F(CaManagerSpTest, AkProvisionPrintsTheKeyTextAsHex) {
-    OutputCapture output;
-    EXPECT_EQ(CaManagerSp(0x18).SendDataToZel(), 0);
-    const Lines lines = output.lines();
-    EXPECT_EQ(lines[2], "CaManagerSp zel_akProvision");
-    EXPECT_EQ(lines[3], "publicKeySize: 540");
-    // The key is text: each of its 540 characters printed as two hex digits.
-    EXPECT_EQ(lines[4].size(), std::string("publicKey: ").size() + 1080);
-    EXPECT_EQ(lines[4].rfind("publicKey: 33303832303130", 0), 0u) << lines[4].substr(0, 40);
-    EXPECT_EQ(lines[5], "CA InterfaceSP: zel_akProvision");
-}
-
 TEST_F(CaManagerSpTest, UnknownNumbersOpenNothingAndSetCmdSwitchesTheScenario) {
     ASSERT_EQ(control.failOpenSession(zel_test_a, 0, TEEC_ERROR_BUSY, TEEC_ORIGIN_TEE),
               TEEC_SUCCESS);
