@@ -86,6 +86,8 @@ TEST(DerTest, ProjectVectorsReadAsOpenSslReadsThemAndTheKeyWritesBackTheSame) {
     ASSERT_TRUE(der_read_ec_private_key(device.data(), uint32_t(device.size()), &key));
     const Pkey reference = opensslPrivateKey(device);
     ASSERT_TRUE(reference);
+    const zel::test::PkeyCtx check(EVP_PKEY_CTX_new(reference.get(), nullptr));
+    EXPECT_EQ(EVP_PKEY_check(check.get()), 1);  // the vector's public point is its secret's
     EXPECT_EQ(bytesOf(key.d, 32), keyParam(reference.get(), OSSL_PKEY_PARAM_PRIV_KEY));
     EXPECT_EQ(bytesOf(key.x, 32), keyParam(reference.get(), OSSL_PKEY_PARAM_EC_PUB_X));
     EXPECT_EQ(bytesOf(key.y, 32), keyParam(reference.get(), OSSL_PKEY_PARAM_EC_PUB_Y));
@@ -98,12 +100,22 @@ TEST(DerTest, ProjectVectorsReadAsOpenSslReadsThemAndTheKeyWritesBackTheSame) {
     ASSERT_TRUE(der_read_ec_public_key(cloud.data(), uint32_t(cloud.size()), x, y));
     const Pkey publicReference = opensslPublicKey(cloud);
     ASSERT_TRUE(publicReference);
+    const zel::test::PkeyCtx publicCheck(EVP_PKEY_CTX_new(publicReference.get(), nullptr));
+    EXPECT_EQ(EVP_PKEY_public_check(publicCheck.get()), 1);  // on the curve
     EXPECT_EQ(bytesOf(x, 32), keyParam(publicReference.get(), OSSL_PKEY_PARAM_EC_PUB_X));
     EXPECT_EQ(bytesOf(y, 32), keyParam(publicReference.get(), OSSL_PKEY_PARAM_EC_PUB_Y));
 
     // Long-form lengths where they are due: two bytes in the vector, one in a 1024-bit key.
     const Bytes ak = hexBytes(zel::vectors::kRsaPublicKey);
     EXPECT_TRUE(der_is_rsa_public_key(ak.data(), uint32_t(ak.size())));
+    const unsigned char* cursor = ak.data();
+    const Pkey akKey(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &cursor, static_cast<long>(ak.size())));
+    ASSERT_TRUE(akKey);
+    EXPECT_EQ(EVP_PKEY_get_bits(akKey.get()), 2048);
+    BIGNUM* exponent = nullptr;
+    ASSERT_EQ(EVP_PKEY_get_bn_param(akKey.get(), OSSL_PKEY_PARAM_RSA_E, &exponent), 1);
+    EXPECT_EQ(BN_get_word(exponent), 65537u);
+    BN_free(exponent);
     const Pkey rsa(EVP_RSA_gen(1024));
     ASSERT_TRUE(rsa);
     const Bytes rsaDer = derOf(rsa.get(), i2d_PublicKey);
