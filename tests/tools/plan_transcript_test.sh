@@ -10,4 +10,5 @@ cd "$work" || exit 1
 "$zel_tc" run --all 2>"$work/err" | sed -E 's/^(signature(Size)?: ).*/\1(random)/' >"$work/out"
 [ "${PIPESTATUS[0]}" -eq 0 ] || { tail -5 "$work/err"; echo "the plan failed" >&2; exit 1; }
 [ "${3:-}" = --update ] && { cp "$work/out" "$golden"; exit 0; }
-diff -u "$golden" "$work/out" || { echo "the plan's transcript changed (--update to accept)" >&2; exit 1; }
+diff -u "$golden" "$work/out" ||
+  { echo "the plan's transcript changed (--update to accept)" >&2; exit 1; }
