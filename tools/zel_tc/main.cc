@@ -273,6 +273,10 @@ int run(RunOptions& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Every line on stderr leaves in one write, however it is composed, so that a lab script
+    // printing on the same console never splits one.
+    std::setvbuf(stderr, nullptr, _IOLBF, BUFSIZ);
+    std::cerr.unsetf(std::ios::unitbuf);
     CLI::App app{"zel-tc: runs libzel-tc-lib's test steps against the vault TA"};
     app.require_subcommand(1);
 

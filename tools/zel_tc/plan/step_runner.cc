@@ -45,7 +45,8 @@ bool writeAll(int fd, const char* data, size_t size) {
     return true;
 }
 
-// Splits what arrives into lines, and passes it on when it is to be shown.
+// Splits what arrives into lines, and passes each on whole when it is to be shown: a lab script
+// that shares the console must never find its own line inside one of the step's.
 struct Stream {
     int fd;
     int echoTo;  // -1: kept only
@@ -54,16 +55,21 @@ struct Stream {
     bool open = true;
 
     void take(const char* data, size_t size) {
-        if (echoTo >= 0) writeAll(echoTo, data, size);
         pending.append(data, size);
         for (size_t end; (end = pending.find('\n')) != std::string::npos;) {
-            lines.push_back(pending.substr(0, end));
+            keep(pending.substr(0, end));
             pending.erase(0, end + 1);
         }
     }
+    // A child that ended inside a line still has that line shown, ended.
     void finish() {
-        if (!pending.empty()) lines.push_back(pending);
+        if (!pending.empty()) keep(pending);
         pending.clear();
+    }
+    void keep(std::string line) {
+        lines.push_back(line);
+        line += '\n';
+        if (echoTo >= 0) writeAll(echoTo, line.data(), line.size());
     }
 };
 

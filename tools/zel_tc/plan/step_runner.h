@@ -1,7 +1,7 @@
 // Runs one step in a child process of its own, so that a step that hangs or crashes is reported
 // against its name while the run goes on. The child's stdout (the library's lines) is passed on
-// to zel-tc's stdout byte for byte and kept for the reports; its stderr likewise to zel-tc's
-// stderr. A signal caught by zel-tc (interruption.h) stops the child at once.
+// to zel-tc's stdout a whole line per write and kept for the reports; its stderr likewise to
+// zel-tc's stderr. A signal caught by zel-tc (interruption.h) stops the child at once.
 #pragma once
 
 #include <cstdint>

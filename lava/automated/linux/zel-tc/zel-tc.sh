@@ -77,7 +77,8 @@ report_new_records() {
     sed -n "$((reported + 1)),${total}p" "$RESULTS" | to_fields > "$OUTPUT/zel-tc-batch"
     while IFS='|' read -r record name round verdict seconds result result_name reason; do
         if [ "$record" = run ]; then
-            echo "zel-tc device identity: $(sed -n 1p "$RESULTS")"
+            # printf: the record is JSON, whose backslashes echo would take as escapes.
+            printf 'zel-tc device identity: %s\n' "$(sed -n 1p "$RESULTS")"
             continue
         fi
         if [ "$REPEAT" -gt 1 ] && [ "round-$round" != "$current_set" ]; then
