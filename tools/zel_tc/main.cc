@@ -34,9 +34,7 @@ namespace {
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-void say(const std::string& text) {
-    std::cerr << "zel-tc: " << text << std::endl;
-}
+using zel::tc::say;
 
 // list --json: the catalogue for scripts.
 void listJson() {

@@ -23,6 +23,7 @@
 #include "plan/step_runner.h"
 #include "reports/report_file.h"
 #include "reports/results_stream.h"
+#include "reports/terminal.h"
 #include "tee/target.h"
 #include "transport/zel_tee_client.h"
 
@@ -52,10 +53,6 @@ struct BenchItem {
     std::function<int32_t()> run;
     int32_t expected = 0;
 };
-
-void say(const std::string& text) {
-    std::cerr << "zel-tc: " << text << std::endl;
-}
 
 bool commandId(const std::string& text, uint32_t& id) {
     unsigned long long value = 0;

@@ -9,6 +9,7 @@
 #include "fuzz/campaign.h"
 #include "plan/interruption.h"
 #include "reports/report_file.h"
+#include "reports/terminal.h"
 #include "tee/target.h"
 
 namespace zel::tc {
@@ -17,10 +18,6 @@ namespace {
 
 constexpr int kExitFound = 1;
 constexpr int kExitUsage = 2;
-
-void say(const std::string& text) {
-    std::cerr << "zel-tc: " << text << std::endl;
-}
 
 struct FuzzOptions {
     fuzz::CampaignOptions campaign;

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <iostream>
 
 namespace zel::tc {
 
@@ -20,6 +21,10 @@ const Colour kColours[] = {
 };
 
 }  // namespace
+
+void say(const std::string& text) {
+    std::cerr << "zel-tc: " << text << std::endl;
+}
 
 bool Terminal::configure(const std::string& mode) {
     const bool terminal = isatty(STDERR_FILENO) == 1;

@@ -6,6 +6,9 @@
 
 namespace zel::tc {
 
+// One of zel-tc's own lines on stderr: "zel-tc: " and the text.
+void say(const std::string& text);
+
 class Terminal {
   public:
     // mode: "auto" (colour at a terminal, unless NO_COLOR is set or TERM is dumb), "always" or
