@@ -12,9 +12,11 @@
 
 class VaultFixture : public testing::Test {
   protected:
-    void SetUp() override {
+    void SetUp() override { launch({{}, {}, true, {}}); }
+    // For a fixture's own daemon, which TearDown stops all the same.
+    void launch(const zel::vault::VaultDaemon::Options& options) {
         std::string error;
-        daemon = zel::vault::VaultDaemon::start({{}, {}, true, {}}, error);
+        daemon = zel::vault::VaultDaemon::start(options, error);
         ASSERT_TRUE(daemon) << error;
         setenv("ZEL_TEE_SOCKET", daemon->socketPath().c_str(), 1);
     }

@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "daemon_launcher.h"
 #include "interface/zel_ta_ids.h"
 #include "raw_client.h"
+#include "vault_fixture.h"
 
 namespace {
 
@@ -66,26 +66,16 @@ wire::Reply registerBlock(RawClient& client, size_t size) {
     return client.call(request, memory.get());
 }
 
-class AddressSpaceTest : public testing::Test {
+class AddressSpaceTest : public VaultFixture {
   protected:
     void SetUp() override {
         const std::string reason = whyNotTestable();
         if (!reason.empty()) GTEST_SKIP() << "NOT TESTED: " << reason;
         zel::vault::VaultDaemon::Options options;
         options.wrapper = {"prlimit", "--as=" + std::to_string(kAddressSpace), "--"};
-        std::string error;
-        daemon = zel::vault::VaultDaemon::start(options, error);
-        ASSERT_TRUE(daemon) << error;
+        ASSERT_NO_FATAL_FAILURE(launch(options));
         ASSERT_EQ(addressSpaceLimit(daemon->pid()), kAddressSpace);
     }
-    void TearDown() override {
-        if (daemon) {
-            EXPECT_TRUE(daemon->stop()) << "zel-vaultd did not exit cleanly";
-        }
-        daemon.reset();
-    }
-
-    std::unique_ptr<zel::vault::VaultDaemon> daemon;
 };
 
 TEST_F(AddressSpaceTest, SixtyFourClientsAtOnceAreAllServed) {

@@ -42,13 +42,10 @@ class ClientTrustTest : public testing::Test {
         address.sun_family = AF_UNIX;
         std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
         EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-        if (as != static_cast<uid_t>(-1)) {
-            EXPECT_EQ(seteuid(as), 0);
-        }
+        const bool asOther = as != static_cast<uid_t>(-1);
+        EXPECT_TRUE(!asOther || seteuid(as) == 0);
         EXPECT_EQ(::listen(fd.get(), 4), 0);
-        if (as != static_cast<uid_t>(-1)) {
-            EXPECT_EQ(seteuid(0), 0);
-        }
+        EXPECT_TRUE(!asOther || seteuid(0) == 0);
         return fd;
     }
     // Whether anybody connected and sent something.

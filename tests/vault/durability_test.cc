@@ -13,6 +13,7 @@
 #include <random>
 #include <thread>
 
+#include "object_store.h"
 #include "output_capture.h"
 #include "store_fixture.h"
 
@@ -108,9 +109,8 @@ TEST_F(DurabilityTest, EveryAcknowledgedWriteSurvivesFiftyKills) {
 }
 
 // The store's code for a full filesystem reaches the client through the TA, the daemon serves
-// on, and writes go through once there is room again. A new store on a full filesystem is the
-// object store's to refuse (StoreFileTest).
-TEST_F(DurabilityTest, AFullFilesystemFailsWritesWithItsCodeAndTheDaemonServesOn) {
+// on, and writes go through once there is room again; a new store cannot be made there.
+TEST_F(DurabilityTest, AFullFilesystemFailsWritesAndNewStoresWithTheirReasonAndTheDaemonServesOn) {
     if (!mountSmallFilesystem("size=512k,mode=0700"))
         GTEST_SKIP() << "NOT TESTED: this machine does not let the test mount a tmpfs (needs root)";
     ASSERT_TRUE(startDaemon());
@@ -122,6 +122,17 @@ TEST_F(DurabilityTest, AFullFilesystemFailsWritesWithItsCodeAndTheDaemonServesOn
         while (filler.write(chunk.data(), chunk.size()) && filler.flush()) {
         }
     }
+    // Nothing half-made is left to be taken for another program's database.
+    const std::string other = storeDirectory() + "/other.db";
+    std::string error;
+    EXPECT_FALSE(zel::tee::ObjectStore::open(other, error));
+    EXPECT_TRUE(contains(error, "cannot open the vault store " + other + ": "));
+    EXPECT_TRUE(error.find("database or disk is full") != std::string::npos ||
+                error.find("No space left on device") != std::string::npos)
+        << error;
+    EXPECT_FALSE(contains(error, "not an error"));
+    EXPECT_NE(access(other.c_str(), F_OK), 0);
+
     int refused = 0;
     for (int slot = 0; slot < 32; ++slot) {
         const Bytes data = dataFor(slot, 3);

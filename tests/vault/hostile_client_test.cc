@@ -25,13 +25,6 @@ namespace wire = zel::wire;
 
 using HostileClientTest = VaultFixture;
 
-UniqueFd sealedMemfd(size_t size) {
-    UniqueFd memory(memfd_create("hostile", MFD_ALLOW_SEALING));
-    EXPECT_EQ(ftruncate(memory.get(), static_cast<off_t>(size)), 0);
-    EXPECT_EQ(fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
-    return memory;
-}
-
 TEST_F(HostileClientTest, DescriptorsPassedWithAnyMessageAreClosedAndTheMessageAnswered) {
     RawClient client(daemon->socketPath());
     ASSERT_NE(client.openSession(zel_test), 0u);
@@ -41,7 +34,9 @@ TEST_F(HostileClientTest, DescriptorsPassedWithAnyMessageAreClosedAndTheMessageA
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
     UniqueFd readEnd(pipeFds[0]), writeEnd(pipeFds[1]);
-    const UniqueFd memory = sealedMemfd(4096);
+    const UniqueFd memory(memfd_create("hostile", MFD_ALLOW_SEALING));
+    ASSERT_EQ(ftruncate(memory.get(), 4096), 0);
+    ASSERT_EQ(fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK), 0);
     const std::vector<int> passed = {memory.get(), readEnd.get(), writeEnd.get()};
     const wire::Reply empty = client.sendWithDescriptors("", 0, passed);
     ASSERT_EQ(client.lastReceived(), static_cast<ssize_t>(sizeof empty));
@@ -106,7 +101,7 @@ TEST_F(HostileClientTest, AtTheDescriptorLimitTheListenerWaitsWithoutSpinning) {
 
 // A daemon under another uid with a limit on that uid's processes: the limit bounds the
 // daemon's threads alone.
-class UnprivilegedDaemonTest : public testing::Test {
+class UnprivilegedDaemonTest : public VaultFixture {
   protected:
     static constexpr uid_t kUid = 54011;
     static constexpr int kMaxTasks = 3;
@@ -117,36 +112,28 @@ class UnprivilegedDaemonTest : public testing::Test {
         directory_ = testing::TempDir() + "zel_limits_XXXXXX";
         ASSERT_NE(mkdtemp(directory_.data()), nullptr);
         ASSERT_EQ(chown(directory_.c_str(), kUid, kUid), 0);
-        std::string error;
-        daemon_ = zel::vault::VaultDaemon::start(
-            {{},
-             directory_ + "/socket",
-             false,
-             {},
-             false,
-             {"prlimit", "--nproc=" + std::to_string(kMaxTasks), "setpriv",
-              "--reuid=" + std::to_string(kUid), "--regid=" + std::to_string(kUid),
-              "--clear-groups", "--"}},
-            error);
-        ASSERT_TRUE(daemon_) << error;
+        launch({{},
+                directory_ + "/socket",
+                false,
+                {},
+                false,
+                {"prlimit", "--nproc=" + std::to_string(kMaxTasks), "setpriv",
+                 "--reuid=" + std::to_string(kUid), "--regid=" + std::to_string(kUid),
+                 "--clear-groups", "--"}});
     }
     void TearDown() override {
-        if (daemon_) {
-            EXPECT_TRUE(daemon_->stop()) << "zel-vaultd did not exit cleanly";
-        }
-        daemon_.reset();
+        VaultFixture::TearDown();
         if (!directory_.empty()) {
             unlink((directory_ + "/socket").c_str());
             rmdir(directory_.c_str());
         }
     }
     std::string directory_;
-    std::unique_ptr<zel::vault::VaultDaemon> daemon_;
 };
 
 TEST_F(UnprivilegedDaemonTest, AConnectionWithoutAThreadIsClosedAloneAndTheDaemonServesOn) {
-    const pid_t pid = daemon_->pid();
-    const std::string socket = directory_ + "/socket";
+    const pid_t pid = daemon->pid();
+    const std::string socket = daemon->socketPath();
 
     // Connect until the daemon has no thread left to give: that connection is closed, not
     // answered and not left waiting; the ones before it are served.

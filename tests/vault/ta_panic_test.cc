@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "daemon_launcher.h"
 #include "panic_ta.h"
+#include "vault_fixture.h"
 
 namespace {
 
@@ -41,11 +41,12 @@ struct Session {
     }
 };
 
-TEST(TaPanicTest, APanickedTaIsDeadForItsSessionsAndANewSessionGetsAFreshInstance) {
-    std::string error;
-    auto daemon =
-        zel::vault::VaultDaemon::start({{}, {}, false, {"--ta-dir", ZEL_TEST_TA_FOLDER}}, error);
-    ASSERT_TRUE(daemon) << error;
+// What a dead instance held is freed: under the sanitizers a leak fails the fixture's clean stop.
+class TaPanicTest : public VaultFixture {
+    void SetUp() override { launch({{}, {}, false, {"--ta-dir", ZEL_TEST_TA_FOLDER}}); }
+};
+
+TEST_F(TaPanicTest, APanickedTaIsDeadForItsSessionsAndANewSessionGetsAFreshInstance) {
     Client client(daemon->socketPath());
     uint32_t count = 0;
     {
@@ -66,8 +67,6 @@ TEST(TaPanicTest, APanickedTaIsDeadForItsSessionsAndANewSessionGetsAFreshInstanc
     Session fresh(client);
     ASSERT_EQ(fresh.invoke(PANIC_TA_COUNT, &count).first, TEEC_SUCCESS);
     EXPECT_EQ(count, 1u) << "a new instance, not the dead one's memory";
-    // What the dead instance held was freed: under the sanitizers a leak fails the clean stop.
-    EXPECT_TRUE(daemon->stop());
 }
 
 }  // namespace

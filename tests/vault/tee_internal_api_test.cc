@@ -5,17 +5,10 @@
 // is the case with a 60-byte nonce and AAD.
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
 #include <tee_internal_api.h>
 
-#include <fcntl.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -24,7 +17,6 @@
 
 #include "object_store.h"
 #include "openssl_bytes.h"
-#include "output_capture.h"
 #include "ta_context.h"
 
 namespace {
@@ -576,72 +568,6 @@ TEST_F(TeeApiTest, TasOnTwoThreadsKeepTheirOwnContexts) {
     panicking.join();
     testing::internal::GetCapturedStderr();
     EXPECT_EQ(zel::tee::currentTa(), nullptr);
-}
-
-// A folder of its own for a file store; removed with what is in it.
-class StoreFileTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        directory_ = testing::TempDir() + "zel_tee_store_XXXXXX";
-        ASSERT_NE(mkdtemp(directory_.data()), nullptr);
-        path_ = directory_ + "/store.db";
-    }
-    void TearDown() override {
-        for (const char* suffix : {"", "-journal", "-wal", "-shm"})
-            unlink((path_ + suffix).c_str());
-        rmdir(directory_.c_str());
-    }
-    void exec(const char* sql) {
-        sqlite3* db = nullptr;
-        ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(db);
-        sqlite3_close(db);
-        chmod(path_.c_str(), 0600);
-    }
-    std::string directory_, path_;
-};
-
-TEST_F(StoreFileTest, StoresOfAnotherLayoutOrNotAFileAreRefused) {
-    exec(
-        "CREATE TABLE slots (idx INTEGER PRIMARY KEY); PRAGMA application_id = 1514490966;"
-        "PRAGMA user_version = 1;");
-    std::string error;
-    EXPECT_FALSE(ObjectStore::open(path_, error));
-    EXPECT_TRUE(contains(error, "is a vault store of another layout (1, this daemon reads 2)"));
-    unlink(path_.c_str());
-    ASSERT_EQ(symlink("/dev/null", path_.c_str()), 0);
-    EXPECT_FALSE(ObjectStore::open(path_, error));
-    EXPECT_TRUE(contains(error, "cannot open the vault store"));
-}
-
-// A full store's writes are the daemon's to refuse with their code (DurabilityTest); here, a new
-// store that cannot be made.
-TEST_F(StoreFileTest, FullFilesystemRefusesANewStoreWithItsReason) {
-    if (geteuid() != 0) GTEST_SKIP() << "NOT TESTED: a full filesystem needs root to mount a tmpfs";
-    if (mount("tmpfs", directory_.c_str(), "tmpfs", 0, "size=512k,mode=0700") != 0)
-        GTEST_SKIP() << "NOT TESTED: cannot mount a small tmpfs: " << std::strerror(errno);
-    struct Unmount {
-        std::string at;
-        ~Unmount() { umount2(at.c_str(), MNT_DETACH); }
-    } unmount{directory_};
-    const int filler = ::open((directory_ + "/filler").c_str(), O_WRONLY | O_CREAT, 0600);
-    ASSERT_GE(filler, 0);
-    const std::vector<char> chunk(4096, 'f');
-    while (write(filler, chunk.data(), chunk.size()) > 0) {
-    }
-    const int full = errno;
-    close(filler);
-    ASSERT_EQ(full, ENOSPC);
-    std::string error;
-    EXPECT_FALSE(ObjectStore::open(path_, error));
-    EXPECT_TRUE(contains(error, "cannot open the vault store " + path_ + ": "));
-    EXPECT_TRUE(error.find("database or disk is full") != std::string::npos ||
-                error.find("No space left on device") != std::string::npos)
-        << error;
-    EXPECT_FALSE(contains(error, "not an error"));
-    // Nothing half-made is left to be taken for another program's database.
-    EXPECT_NE(access(path_.c_str(), F_OK), 0);
 }
 
 }  // namespace
