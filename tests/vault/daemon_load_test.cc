@@ -48,17 +48,23 @@ int clientWork(int index, int rounds) {
     return 0;
 }
 
+// One child process per slot from 0, each doing its clientWork.
+std::vector<pid_t> forkClients(int count, int rounds) {
+    std::vector<pid_t> children;
+    for (int index = 0; index < count; ++index) {
+        const pid_t child = fork();
+        if (child == 0) _exit(clientWork(index, rounds));
+        EXPECT_GE(child, 0);
+        children.push_back(child);
+    }
+    return children;
+}
+
 // Every connection's descriptors closed, and no more threads left than the idle reserve.
 constexpr int kReserve = static_cast<int>(zel::vault::Server::kIdleThreads);
 
 TEST_F(DaemonLoadTest, ThirtyTwoClientProcessesGetEveryReplyRight) {
-    std::vector<pid_t> children;
-    for (int index = 0; index < 32; ++index) {
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) _exit(clientWork(index, 10));
-        children.push_back(child);
-    }
+    const std::vector<pid_t> children = forkClients(32, 10);
     for (size_t i = 0; i < children.size(); ++i) {
         int status = 0;
         ASSERT_EQ(waitpid(children[i], &status, 0), children[i]);
@@ -72,22 +78,9 @@ TEST_F(DaemonLoadTest, ClientsKilledInsideAStalledInvocationLeaveTheTaUsable) {
     zel::test::warmUp(daemon->socketPath());
     const int threads = zel::test::threadCount(pid);
     const int descriptors = zel::test::openDescriptors(pid);
-    ASSERT_EQ(control.stallInvocations(zel_test, zel::cmd::zel_getSlotInfo, 3, 300), TEEC_SUCCESS);
-    std::vector<pid_t> children;
-    for (int index = 0; index < 6; ++index) {
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            if (!std::freopen("/dev/null", "w", stdout)) _exit(2);
-            CaZelInterface vault(zel_test);
-            unsigned char status = 0;
-            unsigned int size = 0;
-            // The first three stall; the others wait for the TA behind them, or run.
-            vault.zel_getSlotInfo(index, &status, &size);
-            _exit(0);
-        }
-        children.push_back(child);
-    }
+    // The first three puts stall; the others wait for the TA behind them, or run.
+    ASSERT_EQ(control.stallInvocations(zel_test, zel::cmd::zel_put, 3, 300), TEEC_SUCCESS);
+    const std::vector<pid_t> children = forkClients(6, 1);
     // Killed at different moments: inside the stall, queued behind it, or already done.
     for (size_t i = 0; i < children.size(); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(40 * static_cast<int>(i)));
@@ -106,25 +99,23 @@ TEST_F(DaemonLoadTest, SeventySessionsAndSeventyLargeBlocksOnOneConnection) {
     ASSERT_EQ(TEEC_InitializeContext(nullptr, &context), TEEC_SUCCESS);
     std::vector<TEEC_Session> sessions(70);
     std::vector<TEEC_SharedMemory> blocks(70);
-    int opened = 0, allocated = 0;
+    int opened = 0, busy = 0, allocated = 0, outOfMemory = 0;
     for (int i = 0; i < 70; ++i) {
         uint32_t origin = 0;
         const TEEC_Result result = TEEC_OpenSession(&context, &sessions[i], &zel_test,
                                                     TEEC_LOGIN_PUBLIC, nullptr, nullptr, &origin);
-        if (result == TEEC_SUCCESS)
-            ++opened;
-        else
-            EXPECT_EQ(result, TEEC_ERROR_BUSY);
+        opened += result == TEEC_SUCCESS;
+        busy += result == TEEC_ERROR_BUSY;
         blocks[i].size = 1 << 20;
         blocks[i].flags = TEEC_MEM_INPUT | TEEC_MEM_OUTPUT;
         const TEEC_Result memory = TEEC_AllocateSharedMemory(&context, &blocks[i]);
-        if (memory == TEEC_SUCCESS)
-            ++allocated;
-        else
-            EXPECT_EQ(memory, TEEC_ERROR_OUT_OF_MEMORY);
+        allocated += memory == TEEC_SUCCESS;
+        outOfMemory += memory == TEEC_ERROR_OUT_OF_MEMORY;
     }
     EXPECT_EQ(opened, 64);
+    EXPECT_EQ(busy, 6);
     EXPECT_EQ(allocated, 64);
+    EXPECT_EQ(outOfMemory, 6);
     for (int i = 0; i < 70; ++i) {
         TEEC_ReleaseSharedMemory(&blocks[i]);
         TEEC_CloseSession(&sessions[i]);

@@ -357,9 +357,8 @@ const PanicCase kPanics[] = {
 };
 
 TEST_F(TeeApiTest, MisuseAndBadHandlesPanicTheTaAndItsContextFreesAll) {
-    auto makeForeign = [] { TEE_AllocateTransientObject(TEE_TYPE_AES, 128, &foreignHandle); };
     TaContext other(*store_, kOther, kHeap);
-    run(makeForeign, &other);
+    run([] { TEE_AllocateTransientObject(TEE_TYPE_AES, 128, &foreignHandle); }, &other);
     ASSERT_NE(foreignHandle, nullptr);
 
     for (const PanicCase& panic : kPanics) {
