@@ -30,10 +30,6 @@ std::string badStateLine(int command) {
            ", result = " + std::to_string(TEEC_ERROR_BAD_STATE) + ", retOrigin = 4";
 }
 
-bool has(const std::vector<std::string>& lines, const std::string& line) {
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
 Bytes readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -177,9 +173,10 @@ TEST_F(StoreSafetyTest, MalformedOrDamagedRowsAreBadStateAndTheDaemonServesOn) {
     EXPECT_EQ(slotContent(vault, 5), std::nullopt);
     EXPECT_EQ(slotContent(vault, 6), Bytes(32, 0x11));
     const auto lines = output.lines();
-    for (int command : {0x0f, 0x23, 0x09})
-        EXPECT_TRUE(has(lines, badStateLine(command))) << command;
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), badStateLine(0x02)), 2);  // slots 4 and 5
+    for (int command : {0x0f, 0x23, 0x09, 0x02}) {
+        const int times = command == 0x02 ? 2 : 1;  // slots 4 and 5 both fail a get
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), badStateLine(command)), times) << command;
+    }
 }
 
 }  // namespace
