@@ -122,7 +122,7 @@ TEST_F(DurabilityTest, AFullFilesystemFailsWritesAndNewStoresWithTheirReasonAndT
         while (filler.write(chunk.data(), chunk.size()) && filler.flush()) {
         }
     }
-    // Nothing half-made is left to be taken for another program's database.
+    // A new store is refused with its reason, and nothing half-made is left behind.
     const std::string other = storeDirectory() + "/other.db";
     std::string error;
     EXPECT_FALSE(zel::tee::ObjectStore::open(other, error));
