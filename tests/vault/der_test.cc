@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include "openssl_bytes.h"
@@ -70,6 +71,14 @@ TEST(DerTest, ProjectVectorsReadAsOpenSslReadsThemAndTheKeyWritesBackTheSame) {
     const unsigned char* cursor = device.data();
     const Pkey reference(d2i_PrivateKey(EVP_PKEY_EC, nullptr, &cursor, long(device.size())));
     ASSERT_TRUE(reference);
+    const zel::test::PkeyCtx check(EVP_PKEY_CTX_new(reference.get(), nullptr));
+    EXPECT_EQ(EVP_PKEY_check(check.get()), 1);  // the vector's public point is its secret's
+    const auto group = [](EVP_PKEY* pkey) {
+        char name[32] = {};
+        EVP_PKEY_get_group_name(pkey, name, sizeof name, nullptr);
+        return std::string(name);
+    };
+    EXPECT_EQ(group(reference.get()), "prime256v1");
     EXPECT_EQ(bytesOf(key.d, 32), keyParam(reference.get(), OSSL_PKEY_PARAM_PRIV_KEY));
     EXPECT_EQ(bytesOf(key.x, 32), keyParam(reference.get(), OSSL_PKEY_PARAM_EC_PUB_X));
     EXPECT_EQ(bytesOf(key.y, 32), keyParam(reference.get(), OSSL_PKEY_PARAM_EC_PUB_Y));
@@ -83,6 +92,9 @@ TEST(DerTest, ProjectVectorsReadAsOpenSslReadsThemAndTheKeyWritesBackTheSame) {
     cursor = cloud.data();
     const Pkey publicReference(d2i_PUBKEY(nullptr, &cursor, long(cloud.size())));
     ASSERT_TRUE(publicReference);
+    const zel::test::PkeyCtx publicCheck(EVP_PKEY_CTX_new(publicReference.get(), nullptr));
+    EXPECT_EQ(EVP_PKEY_public_check(publicCheck.get()), 1);  // on the curve
+    EXPECT_EQ(group(publicReference.get()), "prime256v1");
     EXPECT_EQ(bytesOf(x, 32), keyParam(publicReference.get(), OSSL_PKEY_PARAM_EC_PUB_X));
     EXPECT_EQ(bytesOf(y, 32), keyParam(publicReference.get(), OSSL_PKEY_PARAM_EC_PUB_Y));
 
@@ -90,6 +102,14 @@ TEST(DerTest, ProjectVectorsReadAsOpenSslReadsThemAndTheKeyWritesBackTheSame) {
     // short form's reach) in a 1024-bit key.
     const Bytes ak = hexBytes(zel::vectors::kRsaPublicKey);
     EXPECT_TRUE(der_is_rsa_public_key(ak.data(), uint32_t(ak.size())));
+    cursor = ak.data();
+    const Pkey akKey(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &cursor, long(ak.size())));
+    ASSERT_TRUE(akKey);
+    EXPECT_EQ(EVP_PKEY_get_bits(akKey.get()), 2048);
+    BIGNUM* exponent = nullptr;
+    ASSERT_EQ(EVP_PKEY_get_bn_param(akKey.get(), OSSL_PKEY_PARAM_RSA_E, &exponent), 1);
+    EXPECT_EQ(BN_get_word(exponent), 65537u);
+    BN_free(exponent);
     const Pkey rsa(EVP_RSA_gen(1024));
     ASSERT_TRUE(rsa);
     const Bytes rsaDer = derOf(rsa.get(), i2d_PublicKey);
