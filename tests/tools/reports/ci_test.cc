@@ -441,8 +441,7 @@ TEST_F(ZelTcCiTest, ProgressAndColourAtATerminal) {
     const size_t first = said.find("zel-tc: [1/2] process ...");
     const size_t verdict = said.find("zel-tc: \033[32mPASS\033[0m 503 process");
     const size_t second = said.find("zel-tc: [2/2] bist 4 ...");
-    EXPECT_NE(first, std::string::npos) << said;
-    EXPECT_LT(first, verdict) << said;
+    EXPECT_LT(first, verdict) << said;  // npos for a line not there
     EXPECT_NE(second, std::string::npos) << said;
     EXPECT_LT(verdict, second) << said;
 

@@ -59,7 +59,6 @@ TEST_F(ZelTcVaultCommandsTest, VaultCommandsArmTheControlTaFromTheShell) {
     EXPECT_EQ(zelTc("vault stall" + socket + " --cmd 1 --ms 60000 --count 1").exitCode, 0);
     expectRefused("script --cmd 1 --reply blob:" + std::string(16400, 'a') + socket,
                   "--reply blob:aaaa");
-    EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
     EXPECT_EQ(zelTc("vault reset --socket " + daemon->socketPath() + ".gone").exitCode, 1);
 }
 
