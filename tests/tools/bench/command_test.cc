@@ -56,14 +56,12 @@ TEST(ZelTcBenchTest, TimesStepsAndCommandsAndJudgesAgainstABaseline) {
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_TRUE(contains(refused.err, "command 0x99: 3 of 3 runs did not pass"));
 
-    for (const std::string& arguments :
-         {std::string("bench"), std::string("bench nosuch"), std::string("bench --command zz"),
-          std::string("bench --command -1"), std::string("bench --command 0x100000000"),
-          std::string("bench --command 0 --count 2 --seconds 1"),
-          std::string("bench --command 0 --count 0"),
-          std::string("bench --command 0 --threshold -5"),
-          "bench --command 0 --baseline " + testing::TempDir() + "no_such_baseline.json",
-          std::string("bench --command 0 --json /no/such/dir/b.json")}) {
+    for (const std::string& arguments : std::vector<std::string>{
+             "bench", "bench nosuch", "bench --command zz", "bench --command 0x100000000",
+             "bench --command 0 --count 2 --seconds 1", "bench --command 0 --count 0",
+             "bench --command 0 --threshold -5",
+             "bench --command 0 --baseline " + testing::TempDir() + "no_such_baseline.json",
+             "bench --command 0 --json /no/such/dir/b.json"}) {
         const CliRun run = zelTc(arguments);
         EXPECT_EQ(run.exitCode, 2) << arguments;
         EXPECT_EQ(run.out, Lines{}) << arguments;

@@ -20,28 +20,17 @@ namespace {
 
 using namespace zel::tc::fuzz;
 
-Call put(int32_t index, std::vector<uint8_t> data) {
-    const uint32_t size = static_cast<uint32_t>(data.size());
-    return {Ta::kVault,
-            zel::cmd::zel_put,
-            {Field::integer(index), Field::unsignedInt(size), Field::blob(std::move(data))}};
-}
-
-Call withIndex(uint32_t id, int32_t index, Ta ta = Ta::kVault) {
-    return {ta, id, {Field::integer(index)}};
-}
-
 class FuzzE2eTest : public VaultFixture {
   protected:
-    Verdict run(Sequence calls, unsigned timeoutMs = 5000) {
-        Executor executor(timeoutMs);
-        return executor.run(calls, true);
-    }
+    Verdict run(Sequence calls) { return Executor(5000).run(calls, true); }
 };
 
 TEST_F(FuzzE2eTest, EachKindOfFindingIsCaughtAtItsCall) {
-    const Sequence calls = {put(2, {1, 2, 3}), withIndex(zel::cmd::zel_get, 2),
-                            withIndex(zel::cmd::zel_getSlotInfo, 2)};
+    const Sequence calls = {{Ta::kVault,
+                             zel::cmd::zel_put,
+                             {Field::integer(2), Field::unsignedInt(3), Field::blob({1, 2, 3})}},
+                            {Ta::kVault, zel::cmd::zel_get, {Field::integer(2)}},
+                            {Ta::kVault, zel::cmd::zel_getSlotInfo, {Field::integer(2)}}};
     const struct {
         TEEC_Result result;
         uint32_t origin;

@@ -16,6 +16,14 @@ namespace {
 
 using ZelTcVaultCommandsTest = VaultFixture;
 
+// A verb refused before it reaches the vault: exit 2, the reason said in a line, not a dump.
+void expectRefused(const std::string& arguments, const std::string& says) {
+    const CliRun run = zelTc("vault " + arguments);
+    EXPECT_EQ(run.exitCode, 2) << arguments;
+    EXPECT_TRUE(contains(run.err, says)) << arguments;
+    EXPECT_LT(run.err.size(), 300u) << run.err;
+}
+
 // `vault fail` of one command is the README's session, run by readme_sessions.
 TEST_F(ZelTcVaultCommandsTest, VaultCommandsArmTheControlTaFromTheShell) {
     const std::string socket = " --socket " + daemon->socketPath();
@@ -34,30 +42,23 @@ TEST_F(ZelTcVaultCommandsTest, VaultCommandsArmTheControlTaFromTheShell) {
               run.out.end());
     // The failure mask overflows the summary's result column; its verdict stays a word apart.
     EXPECT_TRUE(contains(run.err, "0x10, 0x11) FAIL"));
-    EXPECT_EQ(zelTc("vault fail-alloc" + socket + " --cmd 1").exitCode, 2);
+    expectRefused("fail-alloc --cmd 1" + socket, "not expected: 1 --cmd");
     EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
 
     EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 0 --count 0").exitCode, 0);
     EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
     EXPECT_EQ(zelTc("run" + socket + " test_lifetime").exitCode, 0);
 
-    run = zelTc("vault fail" + socket + " --cmd 1 --result NO_SUCH_RESULT");
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(contains(run.err, "cannot read --result NO_SUCH_RESULT"));
-    EXPECT_EQ(zelTc("vault fail" + socket + " --cmd 1 --uuid 58d50001-1105").exitCode, 2);
+    expectRefused("fail --cmd 1 --result NO_SUCH_RESULT" + socket,
+                  "cannot read --result NO_SUCH_RESULT");
+    expectRefused("fail --cmd 1 --uuid 58d50001-1105" + socket, "cannot read --uuid");
     // What the control TA would refuse is refused here, saying why.
-    run = zelTc("vault fail" + socket + " --cmd 1 --result TEEC_SUCCESS");
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(contains(run.err, "--result TEEC_SUCCESS (a failure, not success)"));
-    run = zelTc("vault stall" + socket + " --cmd 1 --ms 60001");
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(contains(run.err, "--ms"));
+    expectRefused("fail --cmd 1 --result TEEC_SUCCESS" + socket,
+                  "--result TEEC_SUCCESS (a failure, not success)");
+    expectRefused("stall --cmd 1 --ms 60001" + socket, "--ms");
     EXPECT_EQ(zelTc("vault stall" + socket + " --cmd 1 --ms 60000 --count 1").exitCode, 0);
-    run = zelTc("vault script" + socket + " --cmd 1 --reply blob:" + std::string(16400, 'a'));
-    EXPECT_EQ(run.exitCode, 2);
-    EXPECT_TRUE(contains(run.err, "--reply blob:aaaa"));
-    EXPECT_LT(run.err.size(), 300u) << run.err;
-    EXPECT_EQ(zelTc("vault reset" + socket).exitCode, 0);
+    expectRefused("script --cmd 1 --reply blob:" + std::string(16400, 'a') + socket,
+                  "--reply blob:aaaa");
     EXPECT_EQ(zelTc("vault reset --socket " + daemon->socketPath() + ".gone").exitCode, 1);
 }
 
@@ -103,7 +104,7 @@ TEST(ZelTcVaultTest, StartScriptAnswerStatusAndStopFromTheShell) {
     run = zelTc("run zel_selfTestAll" + socket);
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_TRUE(contains(run.err, "FAIL 32 zel_selfTestAll result 0xFFFF000F TEEC_ERROR_SECURITY"));
-    EXPECT_EQ(zelTc("vault script" + socket + " --cmd 2 --reply 'int:x'").exitCode, 2);
+    expectRefused("script --cmd 2 --reply 'int:x'" + socket, "cannot read --reply int:x");
 
     EXPECT_EQ(shell(zelTcCommand() + " vault stop" + socket),
               std::make_pair(0, "zel-vaultd " + std::to_string(pid) + " stopped\n"));
