@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
-#include <iostream>
 #include <map>
 #include <memory>
 
